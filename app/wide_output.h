@@ -1,0 +1,36 @@
+#pragma once
+
+#include <windows.h>
+
+#include <array>
+#include <streambuf>
+
+namespace zan {
+
+/// While it lives, std::wcout takes UTF-16 and writes UTF-8 through std::cout's
+/// buffer, so that wide and narrow lines keep their order; where standard
+/// output is a Windows console, it writes the UTF-16 to the console itself. The
+/// stock wide stream goes bad at the first character that its locale can't
+/// write; this one prints every character (a lone surrogate as U+FFFD, or as the
+/// byte it stands for on Linux). Output that can't be written is dropped.
+class wide_output final : public std::wstreambuf {
+ public:
+  wide_output();
+  ~wide_output() override;
+  wide_output(const wide_output&) = delete;
+  wide_output& operator=(const wide_output&) = delete;
+
+ protected:
+  int_type overflow(int_type unit) override;
+  int sync() override;
+
+ private:
+  void write(const wchar_t* text, std::ptrdiff_t count) const;
+
+  HANDLE output;
+  bool isConsole;
+  std::wstreambuf* previous;
+  std::array<wchar_t, 512> units;
+};
+
+}  // namespace zan

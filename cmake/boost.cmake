@@ -1,0 +1,13 @@
+# Boost.Exception, headers only. The cross build gets an include folder that
+# holds Boost alone: the host's other headers must not be seen there.
+
+if(MINGW)
+  find_path(ZAN_BOOST_ROOT boost/exception/all.hpp
+    PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
+  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/boost)
+  file(CREATE_LINK ${ZAN_BOOST_ROOT}/boost ${PROJECT_BINARY_DIR}/boost/boost SYMBOLIC)
+  include_directories(SYSTEM ${PROJECT_BINARY_DIR}/boost)
+else()
+  find_path(ZAN_BOOST_ROOT boost/exception/all.hpp REQUIRED)
+  include_directories(SYSTEM ${ZAN_BOOST_ROOT})
+endif()

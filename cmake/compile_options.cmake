@@ -1,0 +1,28 @@
+# Flags of every target, tests included: warnings, reproducible output,
+# hardening, sanitizers.
+
+if(MSVC)
+  set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/utf-8$<SEMICOLON>/W4$<SEMICOLON>/EHsc>)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/permissive-$<SEMICOLON>/guard:cf>)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/Brepro$<SEMICOLON>/d1trimfile:${PROJECT_SOURCE_DIR}/>)
+  add_link_options(/guard:cf /Brepro)
+else()
+  add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow)
+  # Source paths inside the programs are relative to the project.
+  add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+                      -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-Wl,--gc-sections)
+endif()
+
+# Named streams, volumes and the Filter Manager's newest record layout.
+add_compile_definitions($<$<BOOL:${WIN32}>:_WIN32_WINNT=0x0A00>
+                        $<$<BOOL:${WIN32}>:WINVER=0x0A00>
+                        $<$<BOOL:${WIN32}>:NTDDI_VERSION=0x0A000000>
+                        $<$<BOOL:${WIN32}>:NOMINMAX>)
+
+if(ZAN_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

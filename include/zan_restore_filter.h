@@ -1,0 +1,119 @@
+/*
+ * The contract between zan_restore and the restore filter: names, the tag
+ * record and the messages, byte for byte. For C and C++, in a kernel driver
+ * (wchar_t of 16 bits) and in user mode. All integers are little-endian.
+ * docs/restore-filter-contract.md tells how they are used.
+ */
+#ifndef ZAN_RESTORE_FILTER_H
+#define ZAN_RESTORE_FILTER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* The minifilter's registered name; its instances are listed under it. */
+#define RESTORE_FILTER_NAME L"zan_restore_filter"
+
+/* Port of one volume: this prefix and the volume id, "Volume{GUID}" (44
+ * characters), 64 characters in all. */
+#define RESTORE_FILTER_PORT_PREFIX L"\\" RESTORE_FILTER_NAME L"-"
+
+/* Length in bytes of the connection context; its content means nothing. */
+#define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
+
+/* The named stream of a local file that holds one RestoreTagRecord and
+ * nothing else: appended to the file's path. */
+#define RESTORE_TAG_STREAM L":restore_filter_tag:$DATA"
+
+/* How a file is restored beyond what is read from it. */
+typedef uint32_t RestoreStrategyKind;
+enum {
+  RestoreStrategyKind_none = 0,  /* only as it is read */
+  RestoreStrategyKind_simple = 1 /* with concurrent reads of the backing file */
+};
+
+typedef struct RestoreStrategy {
+  RestoreStrategyKind kind;
+  int32_t concurrentReads; /* for simple: as the user gave it, unchecked; else 0 */
+} RestoreStrategy;
+
+#define RESTORE_TAG 0x00000053u
+#define RESTORE_TAG_DATA_LENGTH 0x3FE0u /* bytes after the 24-byte header, always */
+#define RESTORE_TAG_PATH_OFFSET 8u      /* from the start of strategy to the start of path */
+#define RESTORE_TAG_PATH_UNITS 8168u    /* longest path, in UTF-16 code units */
+
+/* {5E2913DA-EAEE-47CB-B866-EDDCAEB3EBC3} in GUID byte order */
+#define RESTORE_TAG_GUID \
+  { 0xDA, 0x13, 0x29, 0x5E, 0xEE, 0xEA, 0xCB, 0x47, 0xB8, 0x66, 0xED, 0xDC, 0xAE, 0xB3, 0xEB, 0xC3 }
+
+/* The whole content of the tag stream. The first 24 bytes are laid out as
+ * the header of REPARSE_GUID_DATA_BUFFER; the record is no reparse point. */
+typedef struct RestoreTagRecord {
+  uint32_t tag;        /* RESTORE_TAG */
+  uint16_t dataLength; /* RESTORE_TAG_DATA_LENGTH */
+  uint16_t reserved;   /* 0 */
+  uint8_t guid[16];    /* RESTORE_TAG_GUID */
+  uint16_t pathOffset; /* RESTORE_TAG_PATH_OFFSET */
+  uint16_t pathLength; /* bytes of path that are used; even, at most 16336 */
+  RestoreStrategy strategy;
+  uint16_t path[RESTORE_TAG_PATH_UNITS]; /* backing file in NT form; zeros after pathLength */
+  uint32_t trailer;                      /* 0 */
+} RestoreTagRecord;
+
+typedef uint32_t ControlOperation;
+enum {
+  ControlOperation_Ping = 0,
+  ControlOperation_StartAggressiveRestore = 1,
+  ControlOperation_StopAggressiveRestore = 2,
+  ControlOperation_QueryProgress = 3
+};
+
+typedef struct ControlRequest {
+  ControlOperation operation;
+  RestoreStrategy strategy; /* for StartAggressiveRestore; else both fields are 0 */
+} ControlRequest;
+
+/* The input buffer of every send. */
+typedef struct ControlMessage {
+  uint64_t fileHandle; /* the local file, in the sender's handle table */
+  ControlRequest request;
+  uint32_t padding; /* 0 */
+} ControlMessage;
+
+/* The output buffer of QueryProgress; the other operations have none. */
+typedef struct ProgressInfo {
+  uint64_t progress; /* how far the restoration has come */
+  uint64_t total;    /* what progress counts towards */
+} ProgressInfo;
+
+#ifdef __cplusplus
+#define RESTORE_FILTER_CHECK(condition) static_assert(condition, #condition)
+#else /* for every C: an array type that can't be when the condition is false */
+#define RESTORE_FILTER_CHECK(condition) extern char restore_filter_check[(condition) ? 1 : -1]
+#endif
+
+RESTORE_FILTER_CHECK(sizeof(RestoreStrategy) == 8);
+RESTORE_FILTER_CHECK(offsetof(RestoreStrategy, concurrentReads) == 4);
+
+RESTORE_FILTER_CHECK(sizeof(RestoreTagRecord) == 16376);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, dataLength) == 4);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, reserved) == 6);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, guid) == 8);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, pathOffset) == 24);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, pathLength) == 26);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, strategy) == 28);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, path) == 36);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, trailer) == 16372);
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, strategy) + RESTORE_TAG_PATH_OFFSET ==
+                     offsetof(RestoreTagRecord, path));
+RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, pathOffset) + RESTORE_TAG_DATA_LENGTH ==
+                     sizeof(RestoreTagRecord));
+
+RESTORE_FILTER_CHECK(sizeof(ControlRequest) == 12);
+RESTORE_FILTER_CHECK(offsetof(ControlRequest, strategy) == 4);
+RESTORE_FILTER_CHECK(sizeof(ControlMessage) == 24);
+RESTORE_FILTER_CHECK(offsetof(ControlMessage, request) == 8);
+RESTORE_FILTER_CHECK(offsetof(ControlMessage, padding) == 20);
+RESTORE_FILTER_CHECK(sizeof(ProgressInfo) == 16);
+RESTORE_FILTER_CHECK(offsetof(ProgressInfo, total) == 8);
+
+#endif

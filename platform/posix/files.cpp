@@ -1,0 +1,112 @@
+// Files and named streams. A HANDLE is the number of a descriptor. A named
+// stream is the path as written, less a final ":$DATA": a file NAME:STREAM
+// beside NAME, or the real named stream where NTFS is mounted with them.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <windows.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "platform/posix/host_path.h"
+#include "platform/posix/last_error.h"
+
+namespace {
+
+constexpr std::string_view defaultStreamType = ":$DATA";
+
+// The stream that this process created last. Where a stream is a file of its
+// own, deleting its file must take it along, but never a file of that name that
+// somebody else put there.
+char createdStream[PATH_MAX];
+
+HANDLE handleOf(int descriptor) {
+  return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor));
+}
+
+int descriptorOf(HANDLE handle) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
+}
+
+bool folderExists(host_path& path) {
+  char* slash = std::strrchr(path.bytes, '/');
+  if (slash == nullptr) return path.size > 0;
+  slash[slash == path.bytes ? 1 : 0] = '\0';
+  struct stat folder {};
+  return stat(path.bytes, &folder) == 0 && S_ISDIR(folder.st_mode);
+}
+
+HANDLE openFailed(int error, host_path& path) {
+  const bool lacksFolder = error == ENOENT && !folderExists(path);
+  SetLastError(lacksFolder ? ERROR_PATH_NOT_FOUND : windowsErrorFor(error));
+  return INVALID_HANDLE_VALUE;
+}
+
+}  // namespace
+
+HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWORD disposition,
+                   DWORD, HANDLE) {
+  host_path host(path);
+  if (!host.fits) return openFailed(ENAMETOOLONG, host);
+  const std::string_view name(host.bytes, host.size);
+  const bool isStream = name.ends_with(defaultStreamType);
+  if (isStream) {
+    host.size -= defaultStreamType.size();
+    host.bytes[host.size] = '\0';
+  }
+
+  // O_NONBLOCK, so that a FIFO does not hold the program up.
+  int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
+  if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
+  const int descriptor = open(host.bytes, flags, 0666);
+  if (descriptor < 0) return openFailed(errno, host);
+
+  struct stat opened {};
+  if (disposition == OPEN_EXISTING && fstat(descriptor, &opened) == 0 && S_ISDIR(opened.st_mode)) {
+    close(descriptor);
+    return openFailed(EISDIR, host);
+  }
+  if (isStream && disposition == CREATE_NEW) {
+    std::memcpy(createdStream, host.bytes, host.size + 1);
+  }
+  return handleOf(descriptor);
+}
+
+// All of the data or a failure, as on a Windows disk: what follows a short
+// write tells why it was short.
+BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
+  *written = 0;
+  while (*written < size) {
+    const auto* rest = static_cast<const char*>(data) + *written;
+    const ssize_t count = write(descriptorOf(file), rest, size - *written);
+    if (count < 0) {
+      SetLastError(windowsErrorFor(errno));
+      return FALSE;
+    }
+    if (count == 0) break;
+    *written += static_cast<DWORD>(count);
+  }
+  return TRUE;
+}
+
+BOOL CloseHandle(HANDLE handle) {
+  if (close(descriptorOf(handle)) == 0) return TRUE;
+  SetLastError(windowsErrorFor(errno));
+  return FALSE;
+}
+
+BOOL DeleteFileW(LPCWSTR path) {
+  host_path host(path);
+  const std::string_view stream(createdStream);
+  const std::string_view name(host.bytes, host.size);
+  if (stream.starts_with(name) && stream.find(':', name.size()) == name.size()) {
+    unlink(createdStream);
+  }
+  if (unlink(host.bytes) == 0) return TRUE;
+  SetLastError(windowsErrorFor(errno));
+  return FALSE;
+}

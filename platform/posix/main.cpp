@@ -1,0 +1,56 @@
+// The entry on Linux: makes the process what wmain expects and hands it the
+// arguments in UTF-16.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <new>
+
+#include "app/wmain.h"
+#include "platform/posix/utf16.h"
+
+namespace {
+
+// A descriptor of 0 to 2 that is closed would be the number of the next file
+// or socket, and what is printed would go into it.
+bool keepStandardDescriptors() {
+  pollfd standard[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+  if (poll(standard, 3, 0) < 0) return false;
+  for (const pollfd& descriptor : standard) {
+    const bool isClosed = (descriptor.revents & POLLNVAL) != 0;
+    if (isClosed && open("/dev/null", O_RDWR) < 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!keepStandardDescriptors()) return 1;
+  // A reader that has gone and a file size limit are failed writes, not ends:
+  // a process that they ended would leave a half-made file.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+
+  std::size_t units = 0;
+  for (int i = 0; i < argc; ++i) units += std::strlen(argv[i]) + 1;
+  const std::unique_ptr<wchar_t[]> text(new (std::nothrow) wchar_t[units]());
+  const std::unique_ptr<wchar_t*[]> arguments(new (std::nothrow)
+                                                  wchar_t*[static_cast<std::size_t>(argc) + 1]());
+  if (!text || !arguments) {
+    std::cerr << "zan_restore: out of memory" << std::endl;
+    return 1;
+  }
+  wchar_t* next = text.get();
+  for (int i = 0; i < argc; ++i) {
+    arguments[static_cast<std::size_t>(i)] = next;
+    next += decodeUtf8(argv[i], std::strlen(argv[i]), next) + 1;
+  }
+  return wmain(argc, arguments.get());
+}

@@ -1,0 +1,19 @@
+# What makes zan_restore a Windows executable: resources, console subsystem,
+# load options.
+
+configure_file(platform/windows/zan_restore.rc.in zan_restore.rc @ONLY)
+target_sources(zan_restore PRIVATE ${PROJECT_BINARY_DIR}/zan_restore.rc)
+set_property(SOURCE ${PROJECT_BINARY_DIR}/zan_restore.rc
+  PROPERTY OBJECT_DEPENDS ${PROJECT_SOURCE_DIR}/platform/windows/zan_restore.manifest)
+set_property(TARGET zan_restore PROPERTY LINKER_LANGUAGE CXX)
+
+if(MSVC)
+  # The manifest is a resource, and DLLs are looked for in System32 only.
+  target_link_options(zan_restore PRIVATE
+    /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
+    /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT)
+else()
+  target_link_options(zan_restore PRIVATE
+    -municode -mconsole -static -s
+    -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat -Wl,--no-insert-timestamp)
+endif()

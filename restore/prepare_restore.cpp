@@ -1,0 +1,73 @@
+#include <windows.h>
+
+#include <iostream>
+#include <string>
+
+#include "app/commands.h"
+#include "fsfilter/file_handle.h"
+#include "restore/nt_path.h"
+#include "restore/tag_record.h"
+
+namespace {
+
+// One 16 KiB buffer; the record that is written is its first 16376 bytes.
+struct tag_buffer {
+  RestoreTagRecord record;
+  unsigned char unused[8];
+};
+static_assert(sizeof(tag_buffer) == 16384);
+
+// Creates the tag stream and writes the record in one write. True when the
+// stream is whole; says how it went on the console.
+bool writeTagStream(const std::wstring& streamPath, const RestoreTagRecord& record,
+                    const std::wstring& ntPath) {
+  zan::fsfilter::file_handle stream(CreateFileW(streamPath.c_str(), GENERIC_ALL, 0, nullptr,
+                                                CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!stream.isOpen()) {
+    const DWORD error = GetLastError();
+    std::wcout << L"create tag stream failed: " << std::hex << error << std::endl;
+    return false;
+  }
+
+  DWORD written = 0;
+  if (!WriteFile(stream.get(), &record, sizeof(record), &written, nullptr)) {
+    const DWORD error = GetLastError();
+    std::wcout << L"writing tag stream failed: " << std::hex << error << std::endl;
+    return false;
+  }
+  if (written != sizeof(record)) {
+    std::wcout << L"writing tag stream failed - incomplete write: " << std::endl;
+    return false;
+  }
+  std::wcout << L"create tag stream: " << ntPath << std::endl;
+  return true;
+}
+
+}  // namespace
+
+int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy) {
+  if (backingPath.empty()) return 1;
+
+  // All that needs memory comes before the local file: once that exists,
+  // nothing throws, and it is either tagged or deleted again.
+  const std::wstring ntPath = toNtPath(backingPath);
+  const std::wstring streamPath = file + RESTORE_TAG_STREAM;
+  tag_buffer buffer;
+  if (!buildTagRecord(ntPath, strategy, buffer.record)) return 1;
+
+  zan::fsfilter::file_handle localFile(CreateFileW(file.c_str(), GENERIC_ALL,
+                                                   FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                   CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!localFile.isOpen()) {
+    const DWORD error = GetLastError();
+    std::wcout << L"create local file failed: " << std::hex << error << std::endl;
+    return 1;
+  }
+  localFile.close();
+
+  if (!writeTagStream(streamPath, buffer.record, ntPath)) {
+    DeleteFileW(file.c_str());
+    return 1;
+  }
+  return 0;
+}

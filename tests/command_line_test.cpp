@@ -1,0 +1,117 @@
+// The command line over the scripted machine, and the console it prints to.
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "app/wide_output.h"
+#include "tests/scripted_platform.h"
+
+using scripted::now;
+using scripted::outcome;
+using scripted::run;
+
+namespace {
+
+const std::string usage =
+    "zan_restore file rp [ 'simple' n ]\n"
+    "\n"
+    "Where\n"
+    "\n"
+    "\tfile is the path to a local file that will be recovered\n"
+    "\trp is the path to the backing data file: \\\\server\\<path> or c:\\dir\\foo.txt\n"
+    "\tsimple indicates an aggressive restore with n concurrent backing reads\n"
+    "\n"
+    "zan_restore [ --startAggressiveRestore n | --stopAggressiveRestore | --progress ] file\n"
+    "\n"
+    "\tReport progress of or start or stop aggressive restoration of a filtered file\n"
+    "\tn = number of concurrent backing file reads\n"
+    "\n";
+
+}  // namespace
+
+TEST(CommandLine, MalformedPrintsTheUsageAndTouchesNothing) {
+  const std::vector<std::wstring> table[] = {
+      {},
+      {L"--progress"},
+      {L"--ping"},
+      {L"--stopAggressiveRestore"},
+      {L"--startAggressiveRestore"},
+      {L"--startAggressiveRestore", L"4"},
+      {L"--startAggressiveRestore", L"4", L"f", L"extra"},
+      {L"--startAggressiveRestore", L"x", L"f"},
+      {L"f"},
+      {L"f", L"rp", L"simple"},
+      {L"f", L"rp", L"simple", L"4", L"extra"},
+      {L"f", L"rp", L"simple", L""},
+      {L"f", L"rp", L"simple", L"- 4"},
+      {L"f", L"rp", L"simple", L"2147483648"},
+      {L"f", L"rp", L"simple", L"-2147483649"},
+      {L"f", L"rp", L"simple", L"99999999999999999999"},
+      {L"f", L"", L"simple", L"x"},
+  };
+  for (const auto& arguments : table) {
+    now = {};
+    const outcome done = run(arguments);
+    EXPECT_EQ(done.status, 1);
+    EXPECT_EQ(done.output, usage);
+    EXPECT_TRUE(now.calls.empty());
+  }
+}
+
+TEST(CommandLine, AnyOtherFirstWordIsALocalFile) {
+  const struct {
+    std::vector<std::wstring> arguments;
+    std::uint8_t strategy[8];
+  } table[] = {
+      {{L"--Progress", L"file"}, {}},
+      {{L"--verbose", L"x"}, {}},
+      {{L"--ping ", L"x"}, {}},
+      {{L"f", L"rp", L"anyword", L" \t+12abc"}, {1, 0, 0, 0, 12}},
+      {{L"f", L"rp", L"simple", L"0x10"}, {1}},
+      {{L"f", L"rp", L"simple", L"2147483647"}, {1, 0, 0, 0, 255, 255, 255, 127}},
+      {{L"f", L"rp", L"", L"-2147483648"}, {1, 0, 0, 0, 0, 0, 0, 128}},
+  };
+  for (const auto& row : table) {
+    now = {};
+    EXPECT_EQ(run(row.arguments).status, 0);
+    const std::string record = now.content[row.arguments[0] + L":restore_filter_tag:$DATA"];
+    ASSERT_EQ(record.size(), 16376u);
+    EXPECT_EQ(std::string(row.strategy, row.strategy + 8), record.substr(28, 8));
+  }
+}
+
+TEST(Output, IsUtf8InOrderWithNarrowText) {
+  const std::wstring text = L"\xE9\x20AC\x4E2D\xD83D\xDE00";
+  now = {};
+  EXPECT_EQ(run({L"f", text}).output, "create tag stream: \u00E9\u20AC\u4E2D\U0001F600\n");
+  now = {};
+  now.hasConsole = true;
+  EXPECT_EQ(run({L"f", text}).output, "");
+  EXPECT_EQ(now.console, L"create tag stream: " + text + L"\n");
+
+  now = {};
+  std::stringbuf captured;
+  std::streambuf* const previous = std::cout.rdbuf(&captured);
+  {
+    const zan::wide_output output;
+    std::wcout << L"lone \xD800!" << std::endl;
+    std::cout << "narrow" << std::endl;
+    std::wcout << L"at the end \xD83D" << std::flush;
+  }
+  std::cout.rdbuf(previous);
+  EXPECT_EQ(captured.str(), "lone \uFFFD!\nnarrow\nat the end \uFFFD");
+}
+
+TEST(Output, TearsNoSurrogatePairWhereverItsBufferEnds) {
+  for (std::size_t before = 505; before < 520; ++before) {
+    now = {};
+    std::wstring path(before, L'x');
+    std::string expected(before, 'x');
+    for (int i = 0; i < 300; ++i) {
+      path += L"\xD83D\xDE00";
+      expected += "\U0001F600";
+    }
+    EXPECT_EQ(run({L"f", path}).output, "create tag stream: " + expected + "\n");
+  }
+}

@@ -1,0 +1,141 @@
+// The restore set-up over the scripted machine: calls, texts and bytes.
+
+#include <gtest/gtest.h>
+
+#include "restore/nt_path.h"
+#include "tests/scripted_platform.h"
+#include "zan_restore_filter.h"
+
+using scripted::now;
+using scripted::outcome;
+using scripted::run;
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+const lines createLocalFile{"CreateFileW f 10000000 3 - 1 80 -"};
+const lines createAndClose{createLocalFile[0], "CloseHandle f"};
+const std::string stream = "f:restore_filter_tag:$DATA";
+const std::string createStream = "CreateFileW " + stream + " 10000000 0 - 1 80 -";
+const std::string writeStream = "WriteFile " + stream + " 16376 -";
+const std::string closeStream = "CloseHandle " + stream;
+
+lines operator+(lines first, const lines& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+std::wstring units(std::size_t count) { return std::wstring(count, L'x'); }
+
+std::uint32_t at(const std::string& bytes, std::size_t offset, std::size_t size) {
+  std::uint32_t value = 0;
+  for (std::size_t i = size; i-- > 0;) value = value << 8 | std::uint8_t(bytes.at(offset + i));
+  return value;
+}
+
+std::string tagStream() { return now.content[L"f:restore_filter_tag:$DATA"]; }
+
+}  // namespace
+
+TEST(NtPath, GetsItsPrefixAndNothingElse) {
+  const std::pair<std::wstring, std::wstring> table[] = {
+      {L"c:\\dir\\foo.txt", L"\\??\\c:\\dir\\foo.txt"},
+      {L"c:", L"\\??\\c:"},
+      {L"c:foo/.\\..\\", L"\\??\\c:foo/.\\..\\"},
+      {L"1:\\x", L"\\??\\1:\\x"},
+      {L"c:\\a:b", L"\\??\\c:\\a:b"},
+      {L"\\:x", L"\\??\\\\:x"},
+      {L"\\\\server\\share\\foo.txt", L"\\Device\\Mup\\server\\share\\foo.txt"},
+      {L"\\\\", L"\\Device\\Mup\\"},
+      {L"\\\\?\\c:\\x", L"\\Device\\Mup\\?\\c:\\x"},
+      {L"foo.txt", L"foo.txt"},
+      {L"\\dir\\foo.txt", L"\\dir\\foo.txt"},
+      {L"//server/share", L"//server/share"},
+      {L":x", L":x"},
+      {L"ab:c", L"ab:c"},
+  };
+  for (const auto& [given, expected] : table) EXPECT_EQ(toNtPath(given), expected);
+}
+
+TEST(SetUp, CreatesFileAndStreamAndTellsThePath) {
+  now = {};
+  const outcome done = run({L"f", L"c:\\dir\\foo.txt"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.output, "create tag stream: \\??\\c:\\dir\\foo.txt\n");
+  const lines calls = createAndClose + lines{createStream, writeStream, closeStream};
+  EXPECT_EQ(now.calls, calls);
+}
+
+TEST(SetUp, WritesTheRecordByteForByte) {
+  now = {};
+  ASSERT_EQ(run({L"f", L"c:\\\x4E2D\xD83D\xDE00", L"any", L"-3"}).status, 0);
+  const std::string path("\\\0?\0?\0\\\0c\0:\0\\\0\x2D\x4E\x3D\xD8\x00\xDE", 20);
+  const std::string header(
+      "\x53\0\0\0\xE0\x3F\0\0\xDA\x13\x29\x5E\xEE\xEA\xCB\x47\xB8\x66\xED\xDC\xAE\xB3\xEB\xC3"
+      "\x08\0\x14\0\x01\0\0\0\xFD\xFF\xFF\xFF",
+      36);
+  EXPECT_EQ(tagStream(), header + path + std::string(16376 - 36 - 20, '\0'));
+}
+
+TEST(SetUp, TakesPathsUpToTheLimitOfTheRecord) {
+  const struct {
+    std::wstring backing;
+    std::size_t ntUnits;  // 0: refused
+  } table[] = {
+      {L"c:" + units(8162), 8168},
+      {L"c:" + units(8163), 0},
+      {L"\\\\" + units(8156), 8168},
+      {L"\\\\" + units(8157), 0},
+      {units(8168), 8168},
+      {units(8169), 0},
+      {L"", 0},
+      {units(8166) + L"\xD83D\xDE00", 8168},
+  };
+  for (const auto& row : table) {
+    now = {};
+    const outcome done = run({L"f", row.backing});
+    EXPECT_EQ(done.status, row.ntUnits == 0 ? 1 : 0);
+    if (row.ntUnits == 0) {
+      EXPECT_EQ(done.output, "");
+      EXPECT_EQ(now.calls, lines{});
+      continue;
+    }
+    ASSERT_EQ(tagStream().size(), 16376u);
+    EXPECT_EQ(at(tagStream(), 26, 2), 2 * row.ntUnits);
+    EXPECT_NE(at(tagStream(), 16370, 2), 0u);
+    EXPECT_EQ(at(tagStream(), 16372, 4), 0u);
+  }
+}
+
+TEST(SetUp, LeavesNothingBehindAFailure) {
+  const struct {
+    std::map<std::string, DWORD> failing;
+    std::string output;
+    lines calls;
+  } table[] = {
+      {{{"CreateFileW#1", 0x50}}, "create local file failed: 50\n", createLocalFile},
+      {{{"CreateFileW#1", 3}}, "create local file failed: 3\n", createLocalFile},
+      {{{"CreateFileW#2", 0x1abc}},
+       "create tag stream failed: 1abc\n",
+       createAndClose + lines{createStream, "DeleteFileW f"}},
+      {{{"WriteFile", 112}},
+       "writing tag stream failed: 70\n",
+       createAndClose + lines{createStream, writeStream, closeStream, "DeleteFileW f"}},
+      {{{"WriteFile", scripted::shortWrite}},
+       "writing tag stream failed - incomplete write: \n",
+       createAndClose + lines{createStream, writeStream, closeStream, "DeleteFileW f"}},
+      {{{"CreateFileW#2", 5}, {"DeleteFileW", 5}},
+       "create tag stream failed: 5\n",
+       createAndClose + lines{createStream, "DeleteFileW f"}},
+  };
+  for (const auto& row : table) {
+    now = {};
+    now.failing = row.failing;
+    const outcome done = run({L"f", L"c:\\x"});
+    EXPECT_EQ(done.status, 1);
+    EXPECT_EQ(done.output, row.output);
+    EXPECT_EQ(now.calls, row.calls);
+    EXPECT_TRUE(now.open.empty());
+  }
+}
