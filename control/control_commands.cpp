@@ -1,16 +1,24 @@
 #include <iostream>
 
 #include "app/commands.h"
+#include "control/filter_message.h"
 
-namespace {
-
-int notAvailable() {
-  std::cerr << "zan_restore: filter control is not part of this version" << std::endl;
-  return 1;
+int sendControlRequest(std::wstring path, const ControlRequest& request) {
+  if (request.operation > ControlOperation_QueryProgress) {
+    std::wcout << L"Invalid operation" << std::endl;
+    return 1;
+  }
+  if (request.operation == ControlOperation_StartAggressiveRestore &&
+      request.strategy.kind != RestoreStrategyKind_simple) {
+    std::wcout << L"Invalid restore strategy" << std::endl;
+    return 1;
+  }
+  return sendToFilter(path, request, nullptr, 0, status_lines::printed);
 }
 
-}  // namespace
-
-int sendControlRequest(std::wstring, const ControlRequest&) { return notAvailable(); }
-
-int queryProgress(std::wstring, ProgressInfo&) { return notAvailable(); }
+int queryProgress(std::wstring path, ProgressInfo& progress) {
+  // The filter may write less than the whole reply; what it leaves stays 0.
+  progress = {};
+  const ControlRequest request{ControlOperation_QueryProgress, {}};
+  return sendToFilter(path, request, &progress, sizeof(progress), status_lines::silent);
+}

@@ -10,19 +10,23 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* The minifilter's registered name; its instances are listed under it. */
-#define RESTORE_FILTER_NAME L"zan_restore_filter"
+/* The minifilter's registered name; its instances are listed under it. Each
+ * name is also there in bytes, with _A. */
+#define RESTORE_FILTER_NAME_A "zan_restore_filter"
+#define RESTORE_FILTER_NAME L"" RESTORE_FILTER_NAME_A
 
 /* Port of one volume: this prefix and the volume id, "Volume{GUID}" (44
  * characters), 64 characters in all. */
-#define RESTORE_FILTER_PORT_PREFIX L"\\" RESTORE_FILTER_NAME L"-"
+#define RESTORE_FILTER_PORT_PREFIX_A "\\" RESTORE_FILTER_NAME_A "-"
+#define RESTORE_FILTER_PORT_PREFIX L"" RESTORE_FILTER_PORT_PREFIX_A
 
 /* Length in bytes of the connection context; its content means nothing. */
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
 /* The named stream of a local file that holds one RestoreTagRecord and
- * nothing else: appended to the file's path. */
-#define RESTORE_TAG_STREAM L":restore_filter_tag:$DATA"
+ * nothing else: its name, and what is appended to the file's path. */
+#define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
+#define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
 /* How a file is restored beyond what is read from it. */
 typedef uint32_t RestoreStrategyKind;

@@ -5,7 +5,7 @@
 #include <iostream>
 
 #include "app/wide_output.h"
-#include "tests/scripted_platform.h"
+#include "platform/scripted/machine.h"
 
 using scripted::now;
 using scripted::outcome;

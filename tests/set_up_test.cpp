@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/scripted/machine.h"
 #include "restore/nt_path.h"
-#include "tests/scripted_platform.h"
 #include "zan_restore_filter.h"
 
 using scripted::now;

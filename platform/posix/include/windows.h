@@ -46,12 +46,14 @@ constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
 constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
 constexpr UINT CP_UTF8 = 65001;
 
+constexpr DWORD ERROR_SUCCESS = 0;
 constexpr DWORD ERROR_FILE_NOT_FOUND = 2;
 constexpr DWORD ERROR_PATH_NOT_FOUND = 3;
 constexpr DWORD ERROR_TOO_MANY_OPEN_FILES = 4;
 constexpr DWORD ERROR_ACCESS_DENIED = 5;
 constexpr DWORD ERROR_INVALID_HANDLE = 6;
 constexpr DWORD ERROR_NOT_ENOUGH_MEMORY = 8;
+constexpr DWORD ERROR_INVALID_DATA = 13;
 constexpr DWORD ERROR_NO_MORE_FILES = 18;
 constexpr DWORD ERROR_WRITE_PROTECT = 19;
 constexpr DWORD ERROR_GEN_FAILURE = 31;
@@ -65,9 +67,19 @@ constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
 constexpr DWORD ERROR_FILE_TOO_LARGE = 223;
 constexpr DWORD ERROR_MORE_DATA = 234;
 constexpr DWORD ERROR_NO_MORE_ITEMS = 259;
+constexpr DWORD ERROR_FILE_INVALID = 1006;
 constexpr DWORD ERROR_IO_DEVICE = 1117;
+constexpr DWORD ERROR_NOT_FOUND = 1168;
 constexpr DWORD ERROR_DISK_QUOTA_EXCEEDED = 1295;
 constexpr DWORD ERROR_CANT_RESOLVE_FILENAME = 1921;
+
+constexpr HRESULT S_OK = 0;
+constexpr HRESULT E_OUTOFMEMORY = static_cast<HRESULT>(0x8007000E);
+constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057);
+constexpr int HRESULT_CODE(HRESULT result) { return result & 0xFFFF; }
+constexpr HRESULT HRESULT_FROM_WIN32(DWORD code) {
+  return static_cast<HRESULT>(code == 0 ? 0 : 0x80070000 | (code & 0xFFFF));
+}
 
 extern "C" {
 
@@ -81,6 +93,15 @@ BOOL WINAPI WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                       LPOVERLAPPED overlapped);
 BOOL WINAPI CloseHandle(HANDLE handle);
 BOOL WINAPI DeleteFileW(LPCWSTR path);
+
+BOOL WINAPI GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size);
+BOOL WINAPI GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DWORD size);
+HANDLE WINAPI FindFirstVolumeW(LPWSTR volumeName, DWORD size);
+BOOL WINAPI FindNextVolumeW(HANDLE volumes, LPWSTR volumeName, DWORD size);
+BOOL WINAPI FindVolumeClose(HANDLE volumes);
+DWORD WINAPI QueryDosDeviceW(LPCWSTR name, LPWSTR devices, DWORD size);
+
+void WINAPI OutputDebugStringW(LPCWSTR text);
 
 HANDLE WINAPI GetStdHandle(DWORD which);
 BOOL WINAPI GetConsoleMode(HANDLE output, LPDWORD mode);

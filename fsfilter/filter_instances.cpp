@@ -1,0 +1,124 @@
+#include "fsfilter/filter_instances.h"
+
+#include <fltuser.h>
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "fsfilter/debug_trace.h"
+
+namespace zan::fsfilter {
+namespace {
+
+constexpr std::size_t smallestRecordBuffer = 512;  // bytes
+constexpr std::size_t largestRecordBuffer = 1024 * 1024;
+
+// Flags of a legacy filter's record. The SDK calls it FLTFL_IASI_IS_LEGACY_FILTER,
+// the mingw-w64 headers FLTFL_IASI_IS_LEGACYFILTER.
+constexpr DWORD legacyFilterRecord = 2;
+
+using record_buffer = std::vector<BYTE>;
+
+// The text of `length` bytes at `offset` from the start of the record; empty
+// when it does not lie within the buffer.
+std::wstring textAt(const record_buffer& buffer, std::size_t offset, std::size_t length) {
+  if (offset + length > buffer.size()) return {};
+  std::wstring text(length / sizeof(std::uint16_t), L'\0');
+  for (wchar_t& unit : text) {
+    std::uint16_t value = 0;
+    std::memcpy(&value, buffer.data() + offset, sizeof(value));
+    unit = static_cast<wchar_t>(value);
+    offset += sizeof(value);
+  }
+  return text;
+}
+
+FilterInstanceInfo readRecord(const record_buffer& buffer) {
+  INSTANCE_AGGREGATE_STANDARD_INFORMATION record;
+  std::memcpy(&record, buffer.data(), sizeof(record));
+  FilterInstanceInfo info;
+  if (record.Flags == legacyFilterRecord) {
+    const auto& legacy = record.Type.LegacyFilter;
+    info.isLegacyFilter = true;
+    info.filterName = textAt(buffer, legacy.FilterNameBufferOffset, legacy.FilterNameLength);
+    info.altitude = textAt(buffer, legacy.AltitudeBufferOffset, legacy.AltitudeLength);
+    info.volumeDeviceName = textAt(buffer, legacy.VolumeNameBufferOffset, legacy.VolumeNameLength);
+    info.detachedVolume = (legacy.Flags & FLTFL_IASIL_DETACHED_VOLUME) != 0;
+    return info;
+  }
+  const auto& mini = record.Type.MiniFilter;
+  info.instanceName = textAt(buffer, mini.InstanceNameBufferOffset, mini.InstanceNameLength);
+  info.filterName = textAt(buffer, mini.FilterNameBufferOffset, mini.FilterNameLength);
+  info.altitude = textAt(buffer, mini.AltitudeBufferOffset, mini.AltitudeLength);
+  info.volumeDeviceName = textAt(buffer, mini.VolumeNameBufferOffset, mini.VolumeNameLength);
+  info.resolveVolumeId();
+  info.detachedVolume = (mini.Flags & FLTFL_IASIM_DETACHED_VOLUME) != 0;
+  info.frameId = mini.FrameID;
+  info.volumeFileSystemType = static_cast<DWORD>(mini.VolumeFileSystemType);
+  return info;
+}
+
+bool resize(record_buffer& buffer, std::size_t size) noexcept {
+  try {
+    buffer = record_buffer(size);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+bool append(std::list<FilterInstanceInfo>& instances, const record_buffer& buffer) noexcept {
+  try {
+    instances.push_back(readRecord(buffer));
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName) noexcept {
+  std::list<FilterInstanceInfo> instances;
+  record_buffer buffer;
+  HANDLE search = INVALID_HANDLE_VALUE;
+  const auto find = [&]() noexcept {
+    DWORD unused = 0;
+    const auto size = static_cast<DWORD>(buffer.size());
+    return instances.empty()
+               ? FilterInstanceFindFirst(filterName.c_str(), InstanceAggregateStandardInformation,
+                                         buffer.data(), size, &unused, &search)
+               : FilterInstanceFindNext(search, InstanceAggregateStandardInformation, buffer.data(),
+                                        size, &unused);
+  };
+
+  HRESULT result = resize(buffer, smallestRecordBuffer) ? find() : E_OUTOFMEMORY;
+  for (;;) {
+    const int code = HRESULT_CODE(result);
+    if (code == ERROR_NO_MORE_ITEMS) break;
+    const bool isTooSmall = code == ERROR_INSUFFICIENT_BUFFER;
+    if (isTooSmall && buffer.size() < largestRecordBuffer) {
+      result = resize(buffer, 2 * buffer.size()) ? find() : E_OUTOFMEMORY;
+      continue;
+    }
+    if (result < 0 || isTooSmall) {
+      traceLine(instances.empty() ? L"FilterInstanceFindFirst" : L"FilterInstanceFindNext",
+                L" failed: status = 0x", std::hex, pattern(result));
+      break;
+    }
+    result = append(instances, buffer) ? find() : E_OUTOFMEMORY;
+  }
+
+  const HRESULT closed = FilterInstanceFindClose(search);
+  if (closed < 0) {
+    traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, pattern(closed));
+  }
+  return instances;
+}
+
+}  // namespace zan::fsfilter

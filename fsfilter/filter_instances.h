@@ -1,0 +1,33 @@
+#pragma once
+
+#include <windows.h>
+
+#include <list>
+#include <string>
+
+namespace zan::fsfilter {
+
+/// One instance of a minifilter as the Filter Manager reports it, copied out of
+/// its buffer. See INSTANCE_AGGREGATE_STANDARD_INFORMATION.
+struct FilterInstanceInfo {
+  bool isLegacyFilter = false;
+  bool detachedVolume = false;
+  DWORD frameId = 0;               // 0 for a legacy filter
+  DWORD volumeFileSystemType = 0;  // FLT_FILESYSTEM_TYPE; 0 for a legacy filter
+  std::wstring instanceName;       // empty for a legacy filter
+  std::wstring altitude;
+  std::wstring filterName;
+  std::wstring volumeDeviceName;  // for example "\Device\HarddiskVolume3"
+  std::wstring volumeId;          // "Volume{GUID}"; empty when not resolved
+
+  /// Sets `volumeId` to the volume whose device is `volumeDeviceName`, or empties
+  /// it when there is none. Failures are traced; never throws.
+  void resolveVolumeId() noexcept;
+};
+
+/// Lists the instances of the minifilter `filterName` in the Filter Manager's
+/// order, volume ids resolved. A failure is traced and ends the list early;
+/// never throws.
+std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName) noexcept;
+
+}  // namespace zan::fsfilter

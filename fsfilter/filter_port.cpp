@@ -1,0 +1,55 @@
+#include "fsfilter/filter_port.h"
+
+#include <fltuser.h>
+#include <windows.h>
+
+#include <array>
+
+#include "errors/result_exception.h"
+#include "fsfilter/debug_trace.h"
+#include "zan_restore_filter.h"
+
+namespace zan::fsfilter {
+
+// The filter looks at the context's size alone: it carries nothing, so that no
+// address of this process leaves it.
+static const std::array<BYTE, RESTORE_FILTER_CONNECTION_CONTEXT_SIZE> connectionContext{};
+
+filter_port::filter_port(const std::wstring& name)
+    : portName(name), portHandle(INVALID_HANDLE_VALUE) {
+  const HRESULT result =
+      FilterConnectCommunicationPort(portName.c_str(), 0, connectionContext.data(),
+                                     connectionContext.size(), nullptr, &portHandle);
+  if (result >= 0) return;
+
+  traceLine(L"FilterConnectCommunicationPort failed: portName = ", portName, L", error = 0x",
+            std::hex, pattern(result));
+  portHandle = INVALID_HANDLE_VALUE;
+  portName.clear();
+}
+
+filter_port::~filter_port() {
+  if (portHandle != INVALID_HANDLE_VALUE && !CloseHandle(portHandle)) {
+    traceLine(L"CloseHanle failed: portName = ", portName, L", error = 0x", std::hex,
+              GetLastError());
+  }
+  portHandle = INVALID_HANDLE_VALUE;
+  portName.clear();
+}
+
+DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWORD outputLength) {
+  DWORD returned = 0;
+  const HRESULT result =
+      FilterSendMessage(portHandle, input, inputLength, output, outputLength, &returned);
+  if (result == S_OK) return returned;
+
+  // Anything else is a failure, positive success codes included. What the
+  // exception carries is printed in the order of its types: the HRESULT first,
+  // then the function.
+  except::result_exception failure;
+  failure << boost::errinfo_api_function("FilterSendMessage");
+  failure << except::errinfo_HRESULT(pattern(result));
+  BOOST_THROW_EXCEPTION(failure);
+}
+
+}  // namespace zan::fsfilter

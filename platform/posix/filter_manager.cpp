@@ -1,0 +1,168 @@
+// The Filter Manager: an instance is a listening socket that is named as a port
+// is, a connection is a SOCK_SEQPACKET socket. The connector sends its context
+// and gets an HRESULT (int32, little-endian); a message is the size of the
+// output buffer (uint32) and the input bytes, its answer an HRESULT and the
+// reply, at most that many bytes.
+
+#include <fltuser.h>
+#include <sys/uio.h>
+#include <windows.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/posix/abstract_socket.h"
+#include "platform/posix/host_path.h"
+#include "platform/posix/last_error.h"
+#include "platform/posix/mount_table.h"
+#include "platform/posix/utf16.h"
+
+namespace {
+
+constexpr std::string_view altitude = "180000";
+
+struct instance_search {
+  std::string filterName;
+  std::vector<dev_t> devices;
+  std::size_t next = 0;
+};
+
+HRESULT failure(DWORD code) { return HRESULT_FROM_WIN32(code); }
+
+// A line of /proc/net/unix: "Num: RefCount Protocol Flags Type St Inode Path". A
+// listening socket has the flag 0x10000, SOCK_SEQPACKET is type 5, and '@' stands
+// for the zero that begins an abstract name.
+std::vector<dev_t> listeningDevices(const std::string& filterName) {
+  std::vector<dev_t> devices;
+  const std::string sockets = readProcFile("/proc/net/unix");
+  const std::string prefix = " @\\" + filterName + '-';
+  for (std::size_t at = sockets.find(prefix); at != sockets.npos;
+       at = sockets.find(prefix, at + 1)) {
+    const std::size_t start = sockets.rfind('\n', at) + 1;
+    const std::string_view fields = std::string_view(sockets).substr(start, at - start);
+    if (fields.find(" 00010000 0005 ") == fields.npos) continue;
+    const std::size_t name = at + prefix.size();
+    const std::size_t length = sockets.find('\n', at) - name;
+    if (const auto device = deviceOfVolumeId(std::string_view(sockets).substr(name, length))) {
+      devices.push_back(*device);
+    }
+  }
+  return devices;
+}
+
+// Appends `text` in UTF-16 behind the record and says where it lies.
+void place(std::string_view text, std::vector<BYTE>& record, USHORT& length, USHORT& offset) {
+  offset = static_cast<USHORT>(record.size());
+  length = static_cast<USHORT>(2 * text.size());
+  for (const char unit : text) record.insert(record.end(), {static_cast<BYTE>(unit), 0});
+}
+
+std::vector<BYTE> recordFor(const std::string& filterName, dev_t device) {
+  INSTANCE_AGGREGATE_STANDARD_INFORMATION header{};
+  std::vector<BYTE> record(sizeof(header));
+  header.Flags = FLTFL_IASI_IS_MINIFILTER;
+  auto& mini = header.Type.MiniFilter;
+  place(filterName + " Instance", record, mini.InstanceNameLength, mini.InstanceNameBufferOffset);
+  place(altitude, record, mini.AltitudeLength, mini.AltitudeBufferOffset);
+  place("\\Device\\HarddiskVolume" + std::to_string(device), record, mini.VolumeNameLength,
+        mini.VolumeNameBufferOffset);
+  place(filterName, record, mini.FilterNameLength, mini.FilterNameBufferOffset);
+  std::memcpy(record.data(), &header, sizeof(header));
+  return record;
+}
+
+HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD returned) {
+  if (search.next == search.devices.size()) return failure(ERROR_NO_MORE_ITEMS);
+  const std::vector<BYTE> record = recordFor(search.filterName, search.devices[search.next]);
+  if (record.size() > size) return failure(ERROR_INSUFFICIENT_BUFFER);
+  std::memcpy(buffer, record.data(), record.size());
+  *returned = static_cast<DWORD>(record.size());
+  ++search.next;
+  return S_OK;
+}
+
+int descriptorOf(HANDLE port) { return static_cast<int>(reinterpret_cast<std::intptr_t>(port)); }
+
+// One packet of two parts out, one of an HRESULT and a reply in. The count of
+// reply bytes, or -1 when the peer is gone.
+ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec reply) {
+  msghdr message{};
+  message.msg_iov = packet.data();
+  message.msg_iovlen = packet.size();
+  if (sendmsg(port, &message, MSG_NOSIGNAL) < 0) return -1;
+  std::array<iovec, 2> answer{{{&result, sizeof(result)}, reply}};
+  message.msg_iov = answer.data();
+  const ssize_t size = recvmsg(port, &message, 0);
+  return size < static_cast<ssize_t>(sizeof(result)) ? -1
+                                                     : size - static_cast<ssize_t>(sizeof(result));
+}
+
+}  // namespace
+
+HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, LPVOID buffer,
+                                DWORD size, LPDWORD returned, LPHANDLE search) {
+  try {
+    auto found = std::make_unique<instance_search>();
+    found->filterName = host_path(filterName).bytes;
+    found->devices = listeningDevices(found->filterName);
+    if (found->devices.empty()) return ERROR_FLT_FILTER_NOT_FOUND;
+    const HRESULT result = nextInstance(*found, buffer, size, returned);
+    if (result == S_OK) *search = found.release();
+    return result;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+HRESULT FilterInstanceFindNext(HANDLE search, INSTANCE_INFORMATION_CLASS, LPVOID buffer, DWORD size,
+                               LPDWORD returned) {
+  try {
+    return nextInstance(*static_cast<instance_search*>(search), buffer, size, returned);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+// A search that found nothing has nothing to close.
+HRESULT FilterInstanceFindClose(HANDLE search) {
+  if (search != INVALID_HANDLE_VALUE) delete static_cast<instance_search*>(search);
+  return S_OK;
+}
+
+HRESULT FilterConnectCommunicationPort(LPCWSTR portName, DWORD, LPCVOID context, WORD contextSize,
+                                       LPSECURITY_ATTRIBUTES, HANDLE* port) {
+  const int descriptor = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (descriptor < 0) return failure(windowsErrorFor(errno));
+  const abstract_address address(host_path(portName).bytes);
+  HRESULT result = S_OK;
+  if (connect(descriptor, address.get(), address.size()) != 0) {
+    const bool isAbsent = errno == ECONNREFUSED || errno == ENOENT;
+    result = failure(isAbsent ? ERROR_FILE_NOT_FOUND : windowsErrorFor(errno));
+  } else if (exchange(descriptor, {{{const_cast<LPVOID>(context), contextSize}, {}}}, result, {}) <
+             0) {
+    result = failure(ERROR_INVALID_HANDLE);
+  }
+  if (result < 0) {
+    close(descriptor);
+  } else {
+    *port = reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor));
+  }
+  return result;
+}
+
+HRESULT FilterSendMessage(HANDLE port, LPVOID input, DWORD inputSize, LPVOID output,
+                          DWORD outputSize, LPDWORD returned) {
+  HRESULT result = S_OK;
+  const ssize_t size =
+      exchange(descriptorOf(port), {{{&outputSize, sizeof(outputSize)}, {input, inputSize}}},
+               result, {output, outputSize});
+  if (size < 0) return failure(ERROR_INVALID_HANDLE);
+  *returned = static_cast<DWORD>(size);
+  return result;
+}

@@ -1,0 +1,119 @@
+// Volumes: the host's mounts. A volume is a device number; several mounts of
+// one device are one volume.
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cwchar>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/posix/host_path.h"
+#include "platform/posix/mount_table.h"
+#include "platform/posix/utf16.h"
+
+namespace {
+
+constexpr std::string_view volumePrefix = "\\\\?\\";
+
+struct volume_search {
+  std::vector<dev_t> devices;
+  std::size_t next = 0;
+};
+
+bool failsWith(DWORD code) {
+  SetLastError(code);
+  return false;
+}
+
+// Decodes `text` and a terminating zero into `units`, which holds `size`.
+bool answer(std::string_view text, LPWSTR units, DWORD size) {
+  std::wstring decoded(text.size(), L'\0');
+  decoded.resize(decodeUtf8(text.data(), text.size(), decoded.data()));
+  if (decoded.size() + 1 > size) return false;
+  std::wmemcpy(units, decoded.c_str(), decoded.size() + 1);
+  return true;
+}
+
+bool answerVolumeName(dev_t device, LPWSTR volumeName, DWORD size) {
+  const std::string name = std::string(volumePrefix) + volumeIdOf(device) + '\\';
+  return answer(name, volumeName, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
+}
+
+// The calls below end with this on a machine without memory.
+template <typename Call>
+auto guarded(Call call) -> decltype(call()) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return {};
+  }
+}
+
+std::optional<mount_entry> mountOf(LPCWSTR path) {
+  std::optional<mount_entry> mount = findMountOf(host_path(path).bytes);
+  if (!mount) SetLastError(ERROR_FILE_NOT_FOUND);
+  return mount;
+}
+
+}  // namespace
+
+BOOL GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size) {
+  return guarded([&]() -> BOOL {
+    const std::optional<mount_entry> mount = mountOf(path);
+    if (!mount) return FALSE;
+    return answer(mount->mountPoint, mountPoint, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
+  });
+}
+
+BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DWORD size) {
+  return guarded([&]() -> BOOL {
+    const std::optional<mount_entry> mount = mountOf(mountPoint);
+    return mount && answerVolumeName(mount->device, volumeName, size);
+  });
+}
+
+HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
+  const HANDLE volumes = guarded([&]() -> HANDLE {
+    auto search = std::make_unique<volume_search>();
+    for (const mount_entry& mount : readMountTable()) {
+      const auto& known = search->devices;
+      if (std::find(known.begin(), known.end(), mount.device) == known.end()) {
+        search->devices.push_back(mount.device);
+      }
+    }
+    if (!FindNextVolumeW(search.get(), volumeName, size)) return nullptr;
+    return search.release();
+  });
+  return volumes == nullptr ? INVALID_HANDLE_VALUE : volumes;
+}
+
+BOOL FindNextVolumeW(HANDLE volumes, LPWSTR volumeName, DWORD size) {
+  auto* const search = static_cast<volume_search*>(volumes);
+  if (search->next == search->devices.size()) return failsWith(ERROR_NO_MORE_FILES);
+  return guarded([&]() -> BOOL {
+    return answerVolumeName(search->devices[search->next++], volumeName, size);
+  });
+}
+
+BOOL FindVolumeClose(HANDLE volumes) {
+  delete static_cast<volume_search*>(volumes);
+  return TRUE;
+}
+
+DWORD QueryDosDeviceW(LPCWSTR name, LPWSTR devices, DWORD size) {
+  return guarded([&]() -> DWORD {
+    const host_path id(name);
+    const std::optional<dev_t> device = deviceOfVolumeId({id.bytes, id.size});
+    if (!device) return failsWith(ERROR_FILE_NOT_FOUND);
+    // A list of names: each ends in a zero, the list in another.
+    const std::string text = "\\Device\\HarddiskVolume" + std::to_string(*device) + '\0';
+    if (!answer(text, devices, size)) return failsWith(ERROR_INSUFFICIENT_BUFFER);
+    return static_cast<DWORD>(text.size() + 1);
+  });
+}

@@ -1,0 +1,382 @@
+// Filter control over the scripted machine: calls, texts, bytes and traces.
+
+#include <windows.h>
+// after <windows.h>:
+#include <fltuser.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <iostream>
+#include <regex>
+#include <sstream>
+
+#include "app/commands.h"
+#include "errors/result_exception.h"
+#include "fsfilter/filter_instances.h"
+#include "fsfilter/filter_port.h"
+#include "platform/scripted/attached_machine.h"
+#include "platform/scripted/machine.h"
+
+using scripted::attachedMachine;
+using scripted::fileVolume;
+using scripted::firstVolume;
+using scripted::instanceRecord;
+using scripted::now;
+using scripted::outcome;
+using scripted::run;
+using scripted::secondVolume;
+using scripted::utf8;
+using zan::fsfilter::FilterInstanceInfo;
+using zan::fsfilter::findFilterInstances;
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+const std::string id = "Volume{abcdefab-3333-3333-3333-333333333333}";
+const std::string port = "\\zan_restore_filter-" + id;
+const std::string steps = "volume is: " + id +
+                          "\n"
+                          "checking instance for volume: "
+                          "Volume{22222222-2222-2222-2222-222222222222} - \\Device\\V2\n"
+                          "checking instance for volume: " +
+                          id + " - \\Device\\V3\n";
+const std::string sending = "sending to instance to port: " + port + "\n";
+const std::string notSent = "message not sent to port: " + port + "\n";
+
+// What diagnostic_information prints, and the line end that follows it.
+std::string diagnosis(const std::string& result) {
+  return "fsfilter/filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
+         "Dynamic exception type: .*wrapexcept.*result_exception.*\n"
+         "std::exception::what: .+\n"
+         "0x" +
+         result + "\\[.*errinfo_api_function_.*\\] = FilterSendMessage\n\n";
+}
+
+void expectDiagnosis(const std::string& output, const std::string& before,
+                     const std::string& result, const std::string& after = "") {
+  ASSERT_EQ(output.substr(0, before.size()), before);
+  EXPECT_TRUE(std::regex_match(output.substr(before.size()), std::regex(diagnosis(result) + after)))
+      << output;
+}
+
+std::vector<FilterInstanceInfo> instances() {
+  const auto list = findFilterInstances(L"zan_restore_filter");
+  return {list.begin(), list.end()};
+}
+
+}  // namespace
+
+TEST(Control, MakesTheseCallsInThisOrder) {
+  now = attachedMachine();
+  const outcome done = run({L"--ping", L"f", L"ignored"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.output, steps + sending);
+  const lines resolveSecond{"FindFirstVolumeW 260", "QueryDosDeviceW " + utf8(firstVolume) + " 260",
+                            "FindNextVolumeW volumes 260",
+                            "QueryDosDeviceW " + utf8(secondVolume) + " 260",
+                            "FindVolumeClose volumes"};
+  const lines resolveThird{resolveSecond[0], resolveSecond[1], resolveSecond[2],
+                           resolveSecond[3], resolveSecond[2], "QueryDosDeviceW " + id + " 260",
+                           resolveSecond[4]};
+  lines expected{"CreateFileW f 80000000 7 - 3 80 -", "GetVolumePathNameW f 261",
+                 "GetVolumeNameForVolumeMountPointW C:\\ 50",
+                 "FilterInstanceFindFirst zan_restore_filter 3 512"};
+  expected.insert(expected.end(), resolveSecond.begin(), resolveSecond.end());
+  expected.emplace_back("FilterInstanceFindNext instances 3 512");
+  expected.insert(expected.end(), resolveThird.begin(), resolveThird.end());
+  expected.emplace_back("FilterInstanceFindNext instances 3 512");
+  expected.insert(expected.end(), {resolveSecond[0], resolveSecond[1], resolveSecond[4]});
+  const lines end{
+      "FilterInstanceFindNext instances 3 512",
+      "FilterInstanceFindClose instances",
+      "FilterConnectCommunicationPort " + port + " 0 " + std::string(80, '0') + " - invalid",
+      "FilterSendMessage port f " + std::string(32, '0') + " - 0",
+      "CloseHandle f",
+      "CloseHandle port"};
+  expected.insert(expected.end(), end.begin(), end.end());
+  EXPECT_EQ(now.calls, expected);
+  EXPECT_TRUE(now.traces.empty());
+}
+
+TEST(Control, SendsTheseBytes) {
+  const struct {
+    std::vector<std::wstring> arguments;
+    std::string sent;
+  } table[] = {
+      {{L"--ping", L"f"}, "00000000000000000000000000000000 - 0"},
+      {{L"--stopAggressiveRestore", L"f", L"x"}, "02000000000000000000000000000000 - 0"},
+      {{L"--startAggressiveRestore", L"4", L"f"}, "01000000010000000400000000000000 - 0"},
+      {{L"--startAggressiveRestore", L"0", L"f"}, "01000000010000000000000000000000 - 0"},
+      {{L"--startAggressiveRestore", L"-3", L"f"}, "0100000001000000fdffffff00000000 - 0"},
+      {{L"--progress", L"f"}, "03000000000000000000000000000000 something 16"},
+  };
+  for (const auto& row : table) {
+    now = attachedMachine();
+    EXPECT_EQ(run(row.arguments).status, 0);
+    EXPECT_EQ(now.calls.at(now.calls.size() - 3), "FilterSendMessage port f " + row.sent);
+  }
+}
+
+TEST(Control, PrintsTheProgressThatTheFilterWrote) {
+  const std::pair<std::string, std::string> table[] = {
+      {{}, "0x0 of 0x0"},
+      {{"\0\x1A", 2}, "0x1a00 of 0x0"},
+      {{"\0\x10\0\0\0\0\0\0\0\0\x10\0\0\0\0\0", 16}, "0x1000 of 0x100000"},
+      {std::string(16, '\xFF'), "0xffffffffffffffff of 0xffffffffffffffff"},
+  };
+  for (const auto& [reply, values] : table) {
+    now = attachedMachine();
+    now.reply = reply;
+    const outcome done = run({L"--progress", L"f"});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.output, "progress: " + values + "\n");
+  }
+}
+
+TEST(Control, TellsWhyNothingWasSent) {
+  const std::string noInstance = "no filter instance found for f\n";
+  const std::string noVolume = "Cannot determine volume id: path = f\n";
+  const std::wstring otherCase = L"\\\\?\\Volume{ABCDEFAB-3333-3333-3333-333333333333}\\";
+  const struct {
+    std::map<std::string, DWORD> failing;
+    std::wstring mountedVolume;
+    std::string output;  // after the status lines
+    std::size_t statusLines;
+    std::size_t closes;
+  } table[] = {
+      {{{"CreateFileW", 2}}, L"", "Cannot open local file: path = f\n", 0, 0},
+      {{{"GetVolumePathNameW", 1}}, L"", noVolume, 0, 1},
+      {{{"GetVolumeNameForVolumeMountPointW", 1}}, L"", noVolume, 0, 1},
+      {{}, L"\\\\?\\volume{abcdefab}\\", noVolume, 0, 1},
+      {{{"FilterInstanceFindFirst", 0x801F0013}}, L"", noInstance, 1, 1},
+      {{{"FilterInstanceFindNext", 0x80070005}}, L"", noInstance, 2, 1},
+      {{{"FindFirstVolumeW", 5}}, L"", noInstance, 4, 1},
+      {{}, otherCase, noInstance, 4, 1},
+  };
+  for (const auto& row : table) {
+    for (const bool isQuery : {false, true}) {
+      now = attachedMachine();
+      now.failing = row.failing;
+      if (!row.mountedVolume.empty()) now.mountedVolume = row.mountedVolume;
+      const outcome done = run({isQuery ? L"--progress" : L"--ping", L"f"});
+      EXPECT_EQ(done.status, 1);
+      const std::string failed = row.output + (isQuery ? "queryProgress failed\n" : "");
+      ASSERT_GE(done.output.size(), failed.size());
+      EXPECT_EQ(done.output.substr(done.output.size() - failed.size()), failed);
+      EXPECT_EQ(std::size_t(std::count(done.output.begin(), done.output.end(), '\n')),
+                isQuery ? 2 : row.statusLines + 1)
+          << done.output;
+      EXPECT_EQ(now.uses["CloseHandle"], int(row.closes));
+      EXPECT_EQ(now.uses["FilterConnectCommunicationPort"], 0);
+      EXPECT_TRUE(now.open.empty());
+    }
+  }
+}
+
+TEST(Control, ReportsAFailedSend) {
+  const std::string connectFailed =
+      "FilterConnectCommunicationPort failed: portName = " + port + ", error = 0x80070002\n";
+  const struct {
+    std::map<std::string, DWORD> failing;
+    std::string result;
+    lines traces;
+    lines closes;
+  } table[] = {
+      {{{"FilterSendMessage", 0x80070005}}, "80070005", {}, {"CloseHandle f", "CloseHandle port"}},
+      {{{"FilterSendMessage", 0x1F}}, "1f", {}, {"CloseHandle f", "CloseHandle port"}},
+      {{{"FilterConnectCommunicationPort", 0x80070002}},
+       "80070006",
+       {connectFailed},
+       {"CloseHandle f"}},
+      {{{"FilterConnectCommunicationPort", 1}, {"FilterSendMessage", 1}},
+       "1",
+       {},
+       {"CloseHandle f", "CloseHandle port"}},
+  };
+  for (const auto& row : table) {
+    now = attachedMachine();
+    now.failing = row.failing;
+    const outcome done = run({L"--stopAggressiveRestore", L"f"});
+    EXPECT_EQ(done.status, 1);
+    expectDiagnosis(done.output, steps + sending + notSent, row.result);
+    EXPECT_EQ(now.traces, row.traces);
+    EXPECT_EQ(lines(now.calls.end() - std::ptrdiff_t(row.closes.size()), now.calls.end()),
+              row.closes);
+
+    now = attachedMachine();
+    now.failing = row.failing;
+    const outcome queried = run({L"--progress", L"f"});
+    EXPECT_EQ(queried.status, 1);
+    expectDiagnosis(queried.output, notSent, row.result, "queryProgress failed\n");
+  }
+}
+
+TEST(Control, ChecksTheRequestBeforeTheFile) {
+  const struct {
+    ControlRequest request;
+    std::wstring refusal;
+  } table[] = {
+      {{4, {}}, L"Invalid operation\n"},
+      {{0xFFFFFFFF, {}}, L"Invalid operation\n"},
+      {{1, {0, 4}}, L"Invalid restore strategy\n"},
+      {{1, {2, 4}}, L"Invalid restore strategy\n"},
+      {{1, {1, 0}}, L""},
+      {{3, {}}, L""},
+      {{0, {7, 7}}, L""},
+  };
+  for (const auto& row : table) {
+    now = attachedMachine();
+    std::wstringbuf captured;
+    std::wstreambuf* const previous = std::wcout.rdbuf(&captured);
+    const bool isRefused = sendControlRequest(L"f", row.request) != 0;
+    std::wcout.rdbuf(previous);
+    EXPECT_EQ(isRefused, !row.refusal.empty());
+    EXPECT_EQ(now.uses["CreateFileW"], isRefused ? 0 : 1);
+    EXPECT_EQ(now.uses["FilterSendMessage"], isRefused ? 0 : 1);
+    if (isRefused) {
+      EXPECT_EQ(captured.str(), row.refusal);
+    }
+  }
+}
+
+TEST(FilterPort, StaysConnectedAfterAFailedSend) {
+  now = attachedMachine();
+  now.failing = {{"FilterSendMessage#1", 0x80070005}, {"CloseHandle", 6}};
+  now.reply = "12345";
+  {
+    zan::fsfilter::filter_port connection(L"\\p");
+    std::uint64_t message[3] = {};
+    char reply[16];
+    EXPECT_THROW(connection.sendMessage(message, 24, reply, 16), zan::except::result_exception);
+    EXPECT_EQ(connection.sendMessage(message, 24, reply, 16), 5u);
+  }
+  EXPECT_EQ(now.traces, lines{"CloseHanle failed: portName = \\p, error = 0x6\n"});
+  EXPECT_EQ(now.uses["CloseHandle"], 1);
+}
+
+TEST(ResultException, RendersTheHresult) {
+  const std::pair<DWORD, std::string> table[] = {
+      {0x80070002, "0x80070002"}, {0x1F, "0x1f"}, {0, "0x0"}};
+  for (const auto& [value, text] : table) {
+    EXPECT_EQ(to_string(zan::except::errinfo_HRESULT(value)), text);
+  }
+}
+
+TEST(Instances, AreCopiedFromTheRecords) {
+  now = attachedMachine();
+  now.instances = {instanceRecord(L"\\Device\\V3"), instanceRecord(L"\\Device\\V3", true),
+                   instanceRecord(L"\\device\\V3"), instanceRecord(L"\\Device\\V")};
+  const auto found = instances();
+  ASSERT_EQ(found.size(), 4u);
+  EXPECT_FALSE(found[0].isLegacyFilter);
+  EXPECT_TRUE(found[0].detachedVolume);
+  EXPECT_EQ(found[0].frameId, 5u);
+  EXPECT_EQ(found[0].volumeFileSystemType, 2u);
+  EXPECT_EQ(found[0].instanceName, L"inst\x4E2D");
+  EXPECT_EQ(found[0].altitude, L"180000");
+  EXPECT_EQ(found[0].filterName, L"zan_restore_filter");
+  EXPECT_EQ(found[0].volumeDeviceName, L"\\Device\\V3");
+  EXPECT_EQ(found[0].volumeId, fileVolume);
+  EXPECT_TRUE(found[1].isLegacyFilter);
+  EXPECT_TRUE(found[1].detachedVolume);
+  EXPECT_EQ(found[1].frameId + found[1].volumeFileSystemType, 0u);
+  EXPECT_EQ(found[1].instanceName + found[1].volumeId, L"");
+  EXPECT_EQ(found[1].altitude, L"40500");
+  EXPECT_EQ(found[1].filterName, L"old");
+  EXPECT_EQ(found[1].volumeDeviceName, L"\\Device\\V3");
+  EXPECT_EQ(found[2].volumeId + found[3].volumeId, L"");  // another case; a beginning
+  EXPECT_EQ(now.uses["FindFirstVolumeW"], 3);
+  EXPECT_TRUE(now.traces.empty());
+}
+
+TEST(Instances, TextOutsideTheBufferIsEmpty) {
+  using header = INSTANCE_AGGREGATE_STANDARD_INFORMATION;
+  std::string record = instanceRecord(L"\\Device\\V3");
+  header changed;
+  std::memcpy(&changed, record.data(), sizeof(changed));
+  auto& mini = changed.Type.MiniFilter;
+  mini.InstanceNameBufferOffset = 0xFFFF;
+  mini.AltitudeLength = 0xFFFE;
+  mini.FilterNameBufferOffset = 510;
+  mini.FilterNameLength = 2;  // the last that lies within
+  std::memcpy(record.data(), &changed, sizeof(changed));
+  now = attachedMachine();
+  now.instances = {record, instanceRecord(L"\\Device\\V3")};
+  const auto found = instances();
+  ASSERT_EQ(found.size(), 2u);
+  EXPECT_EQ(found[0].instanceName + found[0].altitude, L"");
+  EXPECT_EQ(found[0].filterName.size(), 1u);
+  EXPECT_EQ(found[0].volumeId, fileVolume);
+  EXPECT_EQ(found[1].filterName, L"zan_restore_filter");
+}
+
+TEST(Instances, BuffersGrowToTheirCaps) {
+  now = attachedMachine();
+  now.instances = {instanceRecord(L"\\Device\\V3", false, 900), instanceRecord(L"\\Device\\V3"),
+                   instanceRecord(L"\\Device\\V3", false, 3000)};
+  now.volumes[0].devices = {L"\\Device\\V1", std::wstring(700, L'x')};
+  EXPECT_EQ(instances().size(), 3u);
+  lines sizes;
+  for (const std::string& call : now.calls) {
+    if (call.starts_with("FilterInstanceFind") || call.find("11111111") != call.npos) {
+      sizes.push_back(call.substr(call.rfind(' ') + 1));
+    }
+  }
+  const lines query{"260", "520", "1040"};
+  lines expected{"512", "1024"};
+  for (const lines& next : {query, lines{"1024"}, query, lines{"1024", "2048", "4096"}, query,
+                            lines{"4096", "instances"}}) {
+    expected.insert(expected.end(), next.begin(), next.end());
+  }
+  EXPECT_EQ(sizes, expected);
+  EXPECT_TRUE(now.traces.empty());
+}
+
+TEST(Instances, FailuresAreTraced) {
+  const struct {
+    std::map<std::string, DWORD> failing;
+    std::size_t found;
+    lines traces;
+  } table[] = {
+      {{{"FilterInstanceFindFirst", 0x80070103}}, 0, {}},
+      {{{"FilterInstanceFindFirst", 0x103}}, 0, {}},
+      {{{"FilterInstanceFindFirst", 0x801F0013}},
+       0,
+       {"FilterInstanceFindFirst failed: status = 0x801f0013\n"}},
+      {{{"FilterInstanceFindFirst", 0x8007007A}},
+       0,
+       {"FilterInstanceFindFirst failed: status = 0x8007007a\n"}},
+      {{{"FilterInstanceFindNext#3", 0x80070005}},
+       3,
+       {"FilterInstanceFindNext failed: status = 0x80070005\n"}},
+      {{{"FilterInstanceFindNext#2", 0x7A}}, 3, {}},
+      {{{"FilterInstanceFindClose", 0x80070006}},
+       3,
+       {"FilterInstanceFindClose failed: status = 0x80070006\n"}},
+      {{{"FindFirstVolumeW#2", 0x15}}, 3, {"FindFirstVolume falied: hr = 0x15\n"}},
+      {{{"FindNextVolumeW#1", 0x1F}}, 3, {"FindNextVolume failed: hr = 0x1f\n"}},
+      {{{"FindNextVolumeW#1", ERROR_MORE_DATA}}, 3, {}},
+      {{{"FindVolumeClose#3", 6}}, 3, {"FindVolumeClose falied: hr = 0x6\n"}},
+      {{{"QueryDosDeviceW#1", 2}},
+       3,
+       {"QueryDosDevice failed: hr = 0x2, vol = \\\\?\\" + utf8(firstVolume) + "\n"}},
+      {{{"QueryDosDeviceW#1", 122}}, 3, {}},
+  };
+  for (const auto& row : table) {
+    now = attachedMachine();
+    now.failing = row.failing;
+    EXPECT_EQ(instances().size(), row.found);
+    EXPECT_EQ(now.traces, row.traces);
+    EXPECT_EQ(now.uses["FilterInstanceFindClose"], 1);
+    EXPECT_TRUE(now.open.empty());
+  }
+  now = attachedMachine();
+  now.failing = {{"QueryDosDeviceW", 122}};
+  now.volumes.resize(1);
+  now.instances.resize(1);
+  EXPECT_EQ(instances().at(0).volumeId, L"");
+  EXPECT_EQ(now.traces,
+            lines{"QueryDosDevice failed: hr = 0x7a, vol = \\\\?\\" + utf8(firstVolume) + "\n"});
+  EXPECT_EQ(now.calls.at(now.calls.size() - 5), "QueryDosDeviceW " + utf8(firstVolume) + " 266240");
+}
