@@ -1,0 +1,66 @@
+#include "restore_filter/backing_folders.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/posix/last_error.h"
+
+namespace {
+
+HRESULT hostFailure() {
+  // EXDEV: the path leads out of the folder.
+  return HRESULT_FROM_WIN32(errno == EXDEV ? ERROR_ACCESS_DENIED : windowsErrorFor(errno));
+}
+
+// Windows compares names without case; ASCII is enough for drives and servers.
+bool beginsWith(std::string_view path, const std::string& prefix) {
+  return path.size() > prefix.size() && path[prefix.size()] == '\\' &&
+         strncasecmp(path.data(), prefix.data(), prefix.size()) == 0;
+}
+
+int openBeneath(int root, const std::string& path) {
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  return static_cast<int>(syscall(SYS_openat2, root, path.c_str(), &how, sizeof(how)));
+}
+
+}  // namespace
+
+HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
+  if (!path.isOpen()) return hostFailure();
+  struct stat status {};
+  if (fstat(path.get(), &status) != 0) return hostFailure();
+  if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  if (!S_ISREG(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
+  const std::string link = "/proc/self/fd/" + std::to_string(path.get());
+  file = descriptor(open(link.c_str(), flags | O_CLOEXEC));
+  return file.isOpen() ? S_OK : hostFailure();
+}
+
+bool backing_folders::add(std::string ntPrefix, const char* path) {
+  descriptor root(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!root.isOpen()) return false;
+  folders.push_back({std::move(ntPrefix), std::move(root)});
+  return true;
+}
+
+HRESULT backing_folders::openFile(std::string_view ntPath, descriptor& file) const {
+  if (ntPath.starts_with('/')) {
+    const std::string path(ntPath);
+    return openRegularFile(descriptor(open(path.c_str(), O_PATH | O_CLOEXEC)), O_RDONLY, file);
+  }
+  for (const folder& candidate : folders) {
+    if (!beginsWith(ntPath, candidate.ntPrefix)) continue;
+    std::string path(ntPath.substr(candidate.ntPrefix.size() + 1));
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return openRegularFile(descriptor(openBeneath(candidate.root.get(), path)), O_RDONLY, file);
+  }
+  return HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+}

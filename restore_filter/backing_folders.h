@@ -1,0 +1,35 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "restore_filter/descriptor.h"
+
+/// The folders that stand for drives and shares, and the files in them.
+class backing_folders {
+ public:
+  /// Makes the folder `path` stand for the paths that begin with `ntPrefix`,
+  /// "\??\C:" or "\Device\Mup\SERVER\SHARE". False when it can't be opened.
+  bool add(std::string ntPrefix, const char* path);
+
+  /// Opens the regular file that `ntPath` names, for reading, never one outside
+  /// the folder it is looked up in; an absolute Linux path is used as it is.
+  /// S_OK, or an HRESULT that says why not.
+  HRESULT openFile(std::string_view ntPath, descriptor& file) const;
+
+ private:
+  struct folder {
+    std::string ntPrefix;
+    descriptor root;
+  };
+  std::vector<folder> folders;
+};
+
+/// Reopens what `path` names with the open(2) `flags`, if it is a regular file;
+/// nothing else is ever opened, so nothing blocks or has side effects. S_OK or an
+/// HRESULT that says why not: ERROR_ACCESS_DENIED for a folder,
+/// ERROR_INVALID_HANDLE for a pipe, a device and the like.
+HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file);

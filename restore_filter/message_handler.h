@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/types.h>
+#include <windows.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "restore_filter/backing_folders.h"
+#include "restore_filter/restoration.h"
+#include "zan_restore_filter.h"
+
+/// What the filter does with a message; holds the restorations that it started.
+class message_handler {
+ public:
+  explicit message_handler(const backing_folders& folders) : backingFolders(folders) {}
+
+  /// Handles one message of `size` bytes from the process `sender` to the
+  /// instance on the volume `device`. Returns the status of the send; `reply` and
+  /// `replySize` (bytes) are its answer. Whatever is refused is left untouched.
+  HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
+                 ProgressInfo& reply, std::size_t& replySize);
+
+  /// Lets go of the files of restorations that have ended.
+  void forgetEnded();
+
+ private:
+  using file_key = std::pair<dev_t, ino_t>;
+
+  HRESULT start(file_key key, descriptor file, const std::string& backingPath,
+                const RestoreStrategy& how);
+  HRESULT queryProgress(file_key key, int file, const std::string& backingPath,
+                        ProgressInfo& progress);
+
+  const backing_folders& backingFolders;
+  std::map<file_key, std::unique_ptr<restoration>> restorations;
+};

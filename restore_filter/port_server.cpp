@@ -1,0 +1,111 @@
+#include "restore_filter/port_server.h"
+
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "platform/posix/abstract_socket.h"
+#include "platform/posix/mount_table.h"
+
+namespace {
+
+// Past this many the oldest connection is dropped: the tool's live for one message.
+constexpr std::size_t mostConnections = 200;
+constexpr int idleMilliseconds = 1000;
+constexpr std::size_t replySizeField = sizeof(std::uint32_t);
+
+pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
+
+}  // namespace
+
+std::string port_server::attach(const char* path, std::string& why) {
+  const auto mount = findMountOf(path);
+  if (!mount) {
+    why = std::strerror(errno);
+    return {};
+  }
+  std::string name = RESTORE_FILTER_PORT_PREFIX_A + volumeIdOf(mount->device);
+  descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const abstract_address address(name);
+  if (bind(listener.get(), address.get(), address.size()) != 0 ||
+      listen(listener.get(), SOMAXCONN) != 0) {
+    why = errno == EADDRINUSE ? "its volume has a restore filter already" : std::strerror(errno);
+    return {};
+  }
+  ports.push_back({std::move(listener), mount->device});
+  return name;
+}
+
+void port_server::serve(int stop) {
+  std::vector<pollfd> waiting;
+  for (;;) {
+    waiting.assign(1, readable(stop));
+    for (const port& each : ports) waiting.push_back(readable(each.listener.get()));
+    for (const connection& each : connections) waiting.push_back(readable(each.socket.get()));
+    if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0 && errno != EINTR) return;
+    if (waiting[0].revents != 0) return;
+
+    const auto* ready = waiting.data() + 1 + ports.size();
+    std::erase_if(connections,
+                  [&](connection& each) { return (ready++)->revents != 0 && !receive(each); });
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+      if (waiting[1 + i].revents != 0) accept(ports[i]);
+    }
+    handler.forgetEnded();
+  }
+}
+
+void port_server::accept(const port& from) {
+  if (connections.size() >= mostConnections) connections.erase(connections.begin());
+  descriptor socket(accept4(from.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (!socket.isOpen() || getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return;
+  }
+  const bool isTrusted = peer.uid == 0 || peer.uid == geteuid();
+  connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
+}
+
+// Takes one packet and answers it. False when the connection is over.
+bool port_server::receive(connection& from) {
+  std::array<char, 64> packet;  // more than any packet that is in order
+  const ssize_t size = recv(from.socket.get(), packet.data(), packet.size(), MSG_TRUNC);
+  if (size < 0 && errno == EAGAIN) return true;
+  if (size <= 0) return false;
+
+  ProgressInfo reply{};
+  std::size_t replySize = 0;
+  HRESULT result = answer(from, packet.data(), static_cast<std::size_t>(size), reply, replySize);
+  std::array<iovec, 2> parts{{{&result, sizeof(result)}, {&reply, replySize}}};
+  msghdr message{};
+  message.msg_iov = parts.data();
+  message.msg_iovlen = parts.size();
+  return sendmsg(from.socket.get(), &message, MSG_NOSIGNAL) >= 0 && from.isOpen;
+}
+
+// The first packet is the connection context, every other one the size of the
+// output buffer and a message.
+HRESULT port_server::answer(connection& from, const void* packet, std::size_t size,
+                            ProgressInfo& reply, std::size_t& replySize) try {
+  if (!from.isTrusted) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  if (!from.isOpen) {
+    from.isOpen = size == RESTORE_FILTER_CONNECTION_CONTEXT_SIZE;
+    return from.isOpen ? S_OK : E_INVALIDARG;
+  }
+  if (size < replySizeField) return E_INVALIDARG;
+  std::uint32_t room = 0;
+  std::memcpy(&room, packet, sizeof(room));
+  const HRESULT result =
+      handler.handle(from.sender, from.device, static_cast<const char*>(packet) + replySizeField,
+                     size - replySizeField, reply, replySize);
+  replySize = std::min<std::size_t>(replySize, room);
+  return result;
+} catch (const std::bad_alloc&) {
+  replySize = 0;
+  return E_OUTOFMEMORY;
+}

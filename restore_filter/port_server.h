@@ -1,0 +1,48 @@
+#pragma once
+
+#include <poll.h>
+#include <sys/types.h>
+#include <windows.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "restore_filter/descriptor.h"
+#include "restore_filter/message_handler.h"
+
+/// The communication ports of all instances, one a volume, and their connections.
+/// Serves its own user and root; nobody waits for a peer that is slow or silent.
+class port_server {
+ public:
+  explicit port_server(message_handler& messages) : handler(messages) {}
+
+  /// Attaches to the volume that holds `path`: listens on its port and returns
+  /// the port's name. Empty when that fails, `why` telling the reason.
+  std::string attach(const char* path, std::string& why);
+
+  /// Serves until `stop`, a descriptor, can be read.
+  void serve(int stop);
+
+ private:
+  struct port {
+    descriptor listener;
+    dev_t device;
+  };
+  struct connection {
+    descriptor socket;
+    dev_t device;
+    pid_t sender;
+    bool isTrusted;
+    bool isOpen;  // the context has been accepted
+  };
+
+  void accept(const port& from);
+  bool receive(connection& from);
+  HRESULT answer(connection& from, const void* packet, std::size_t size, ProgressInfo& reply,
+                 std::size_t& replySize);
+
+  message_handler& handler;
+  std::vector<port> ports;
+  std::vector<connection> connections;
+};

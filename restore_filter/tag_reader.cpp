@@ -1,0 +1,57 @@
+#include "restore_filter/tag_reader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "platform/posix/last_error.h"
+#include "platform/posix/utf16.h"
+#include "restore_filter/descriptor.h"
+#include "zan_restore_filter.h"
+
+namespace {
+
+const HRESULT notTagged = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
+const HRESULT notWhole = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
+}  // namespace
+
+HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
+  static const std::uint8_t guid[] = RESTORE_TAG_GUID;
+  RestoreTagRecord record;
+  if (size != sizeof(record)) return notWhole;
+  std::memcpy(&record, bytes, sizeof(record));
+  const std::size_t units = record.pathLength / sizeof(record.path[0]);
+  const bool isSound = record.tag == RESTORE_TAG && record.dataLength == RESTORE_TAG_DATA_LENGTH &&
+                       std::equal(guid, guid + sizeof(guid), record.guid) &&
+                       record.pathOffset == RESTORE_TAG_PATH_OFFSET && record.pathLength % 2 == 0 &&
+                       units > 0 && units <= RESTORE_TAG_PATH_UNITS;
+  if (!isSound) return notWhole;
+  if (std::find(record.path, record.path + units, 0) != record.path + units) return notWhole;
+  backingPath.resize(3 * units);
+  backingPath.resize(encodeUtf8(record.path, units, backingPath.data(), backingPath.size()));
+  return S_OK;
+}
+
+HRESULT readTagOf(int file, std::string& backingPath) {
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  std::string path(PATH_MAX, '\0');
+  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  if (length < 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  path.resize(static_cast<std::size_t>(length));
+  path += ":" RESTORE_TAG_STREAM_NAME_A;
+
+  const descriptor stream(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!stream.isOpen()) {
+    return errno == ENOENT ? notTagged : HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  }
+  // One byte more than a record, to see whether there is more.
+  std::string content(sizeof(RestoreTagRecord) + 1, '\0');
+  const ssize_t size = read(stream.get(), content.data(), content.size());
+  if (size < 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  return readTag(content.data(), static_cast<std::size_t>(size), backingPath);
+}
