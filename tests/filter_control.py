@@ -1,0 +1,385 @@
+#!/usr/bin/env python3
+"""Filter control end to end: the built zan_restore (argv[1]) against the built
+restore_filter (argv[2]), and against a peer that speaks the ports' framing and
+says what a test wants. As root also a small file system and another user."""
+
+import contextlib, os, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
+import unittest
+
+TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
+IS_ROOT = os.geteuid() == 0
+CONTEXT = bytes(40)
+BUSY, INVALID, NOT_TAGGED, NOT_WHOLE = 0x800700AA, 0x80070057, 0x80070490, 0x8007000D
+NOT_FOUND, NO_PATH, DENIED, BAD_HANDLE, FULL = (0x80070000 | c for c in (2, 3, 5, 6, 112))
+
+
+def volume_of(path):
+    return "Volume{00000000-0000-0000-0000-%012x}" % os.stat(path).st_dev
+
+
+def port_of(path):
+    return "\\zan_restore_filter-" + volume_of(path)
+
+
+def tool(*words, **options):
+    done = subprocess.run([TOOL, *words], stdout=subprocess.PIPE, timeout=60, text=True, **options)
+    return done.returncode, done.stdout
+
+
+def result_of(output):
+    """The HRESULT in the diagnosis of a failed send; 0 when there is none."""
+    line = next((line for line in output.splitlines() if "FilterSendMessage" in line), "0x0")
+    return int(line.split("[")[0], 16)
+
+
+def send(word, path, *count):
+    return result_of(tool(word, *count, path)[1])
+
+
+def write(path, content):
+    with open(path, "wb") as file:
+        file.write(content)
+
+
+def read(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def eventually(condition, seconds=20):
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError("still not so after %d s" % seconds)
+        time.sleep(0.01)
+
+
+def progress(path):
+    """What --progress prints, as two numbers; None when the query failed."""
+    status, output = tool("--progress", path)
+    if status != 0:
+        return None
+    words = output.split()
+    return int(words[1], 16), int(words[3], 16)
+
+
+class connection:
+    """A client of a port that sends what it likes."""
+
+    def __init__(self, context=CONTEXT):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.socket.settimeout(20)
+        self.socket.connect("\0" + port_of("."))
+        self.result = self.exchange(context)
+
+    def exchange(self, packet):
+        self.socket.send(packet)
+        answer = self.socket.recv(64)
+        return struct.unpack("<I", answer[:4])[0] if answer else None
+
+    def send(self, handle, operation, kind=0, reads=0):
+        return self.exchange(struct.pack("<IQIIiI", 16, handle, operation, kind, reads, 0))
+
+
+class peer:
+    """A port that answers a connection and a message with these packets; None
+    closes the connection instead."""
+
+    def __init__(self, *answers):
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.listener.bind("\0" + port_of("."))
+        self.listener.listen()
+        self.answers, self.packets = answers, []
+        self.thread = threading.Thread(target=self.serve)
+        self.thread.start()
+
+    def serve(self):
+        client, _ = self.listener.accept()
+        with client:
+            for answer in self.answers:
+                self.packets.append(client.recv(100))
+                if answer is None:
+                    return
+                client.send(answer)
+            client.recv(1)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        self.thread.join(20)
+        self.listener.close()
+
+
+@contextlib.contextmanager
+def monitor():
+    """What a debug monitor shows meanwhile."""
+    lines = []
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
+        listener.bind("\0DBWIN_BUFFER")
+        listener.setblocking(False)
+        yield lines
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                lines.append(listener.recv(4096).decode())
+
+
+class story(unittest.TestCase):
+    """Each test in a scratch folder, with backing files in it."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.addCleanup(os.chdir, "/")
+        os.chdir(self.folder)
+        os.makedirs("back/sub")
+        self.content = os.urandom(3 * 1024 * 1024 + 5)
+        write("back/data", self.content)
+        os.truncate(os.open("back/huge", os.O_CREAT | os.O_WRONLY), 8 << 30)
+
+    def start_filter(self, *prefix):
+        self.filter = subprocess.Popen(
+            [*prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back", "."],
+            stdout=subprocess.PIPE, text=True, start_new_session=True)
+        self.addCleanup(self.stop_filter, self.filter)
+        return self.filter.stdout.readline() == ".: %s\n" % port_of(".")
+
+    def stop_filter(self, running):
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(running.pid, signal.SIGKILL)
+        running.wait()
+        running.stdout.close()
+
+    def set_up_file(self, name, backing):
+        self.assertEqual(tool(name, backing)[0], 0)
+
+    def files_of_filter(self):
+        return len(os.listdir("/proc/%d/fd" % self.filter.pid))
+
+
+class WithRestoreFilter(story):
+    def setUp(self):
+        super().setUp()
+        self.assertTrue(self.start_filter())
+
+    def tearDown(self):
+        self.assertEqual(send("--ping", "back/data"), 0)  # it has survived
+        self.filter.send_signal(signal.SIGTERM)
+        self.assertEqual(self.filter.wait(20), 0)
+
+    def test_restores_from_every_form_of_backing_path(self):
+        write("back/none", b"")
+        write("back/chunk", self.content[: 1 << 20])
+        write("back/sub/\xe9\u4e2d", self.content)
+        opened = self.files_of_filter()
+        table = (("C:\\data", "1"), ("c:\\sub\\\xe9\u4e2d", "4"), (r"\\SRV\Share\data", "64"),
+                 (self.folder + "/back/data", "1000"), ("c:\\none", "3"), ("c:\\chunk", "2"))
+        for index, (backing, reads) in enumerate(table):
+            with self.subTest(backing=backing):
+                name = "local%d" % index
+                self.set_up_file(name, backing)
+                is_drive = backing[1] == ":"
+                source = "back/" + (backing[3:].replace("\\", "/") if is_drive else "data")
+                size = os.path.getsize(source)
+                self.assertEqual(progress(name), (0, size))
+                status, output = tool("--startAggressiveRestore", reads, name)
+                self.assertEqual((status, output.count("\n")), (0, 3))
+                eventually(lambda: progress(name) == (size, size))
+                self.assertEqual(read(name), read(source))
+                self.assertEqual(send("--stopAggressiveRestore", name), 0)
+        eventually(lambda: self.files_of_filter() <= opened)
+
+    def test_refuses_and_leaves_untouched(self):
+        os.symlink("/etc/passwd", "back/out")
+        os.mkfifo("back/pipe")
+        self.set_up_file("good", "c:\\data")
+        tag = read("good:restore_filter_tag")
+        table = (
+            (None, NOT_TAGGED), (b"", NOT_WHOLE), (tag[:-1], NOT_WHOLE), (tag + b"x", NOT_WHOLE),
+            (b"\x54" + tag[1:], NOT_WHOLE), (tag[:8] + b"\0" + tag[9:], NOT_WHOLE),
+            (tag[:26] + b"\xd2\x3f" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x03" + tag[27:], NOT_WHOLE),
+            (tag[:26] + b"\0\0" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x18\x00" + tag[28:], NOT_WHOLE),
+            ("c:\\nothing", NOT_FOUND), ("d:\\data", NO_PATH), ("c:\\..\\back\\data", DENIED),
+            ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED), ("c:\\", NOT_FOUND),
+            ("c:\\pipe", BAD_HANDLE), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH))
+        for index, (given, expected) in enumerate(table):
+            with self.subTest(tag=given and given[:40]):
+                name = "bad%d" % index
+                if isinstance(given, str):
+                    self.set_up_file(name, given)
+                else:
+                    write(name, b"")
+                    if given is not None:
+                        write(name + ":restore_filter_tag", given)
+                for words in (("--startAggressiveRestore", name, "2"), ("--progress", name)):
+                    self.assertEqual(send(*words), expected)
+                self.assertEqual(os.path.getsize(name), 0)
+        for reads in ("0", "-1"):
+            self.assertEqual(send("--startAggressiveRestore", "good", reads), INVALID)
+
+    def test_survives_any_client(self):
+        opened = self.files_of_filter()
+        handle = os.open("back/data", os.O_RDONLY)
+        pipe, _ = os.pipe()
+        silent = [connection() for _ in range(300)]  # more than it keeps
+        client = connection()
+        self.assertEqual(client.send(handle, 0), 0)
+        self.assertEqual(client.send(handle, 4), INVALID)
+        self.assertEqual(client.send(handle, 1, 0, 4), NOT_TAGGED)
+        for bad, expected in ((os.open("back", os.O_RDONLY), DENIED), (pipe, BAD_HANDLE),
+                              (client.socket.fileno(), BAD_HANDLE), (999, BAD_HANDLE),
+                              (1 << 40, BAD_HANDLE), (os.open("/proc/self/stat", 0), INVALID)):
+            self.assertIn(client.send(bad, 0), (expected, BAD_HANDLE))
+        for size in (1, 3, 4, 27, 29, 64, 65, 5000):
+            self.assertEqual(client.exchange(b"\xff" * size), INVALID)
+        for context in (b"x", bytes(39), bytes(41), bytes(4096)):
+            self.assertEqual(connection(context).result, INVALID)
+        gone = connection()
+        gone.socket.send(bytes(28))
+        gone.socket.close()
+        del silent, client, gone
+        eventually(lambda: self.files_of_filter() <= opened)
+
+    def test_two_starts_stop_and_go_on(self):
+        self.set_up_file("local", "c:\\huge")
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), BUSY)
+        eventually(lambda: progress("local")[0] > 0)
+        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+        kept = progress("local")
+        self.assertTrue(0 < kept[0] < kept[1])
+        self.assertEqual(progress("local"), kept)
+        os.truncate("back/huge", kept[0] + 3)
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        eventually(lambda: progress("local") == (kept[0] + 3, kept[0] + 3))
+        # Shrunk below what is there, then gone, then the local file deleted.
+        os.truncate("back/huge", 5)
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        eventually(lambda: send("--progress", "local") == 0x800703EE)
+        os.unlink("back/huge")
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), NOT_FOUND)
+
+    def test_goes_on_after_a_kill_and_ends_with_its_file(self):
+        self.set_up_file("local", "c:\\huge")
+        opened = self.files_of_filter()
+        self.assertEqual(send("--startAggressiveRestore", "local", "4"), 0)
+        eventually(lambda: progress("local")[0] > 0)
+        self.filter.kill()
+        self.filter.wait()
+        kept = os.path.getsize("local")
+        self.assertTrue(self.start_filter())
+        self.assertEqual(progress("local"), (kept, 8 << 30))
+        self.assertEqual(send("--startAggressiveRestore", "local", "4"), 0)
+        eventually(lambda: progress("local")[0] > kept)
+        os.unlink("local")
+        eventually(lambda: self.files_of_filter() <= opened)
+
+    def test_attaches_once_to_a_volume(self):
+        second = subprocess.run([FILTER, "."], capture_output=True, text=True)
+        self.assertEqual((second.returncode, second.stdout), (1, ""))
+        self.assertIn("already", second.stderr)
+
+    @unittest.skipUnless(IS_ROOT, "needs root")
+    def test_full_disk_and_other_volume(self):
+        os.mkdir("small")
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "small"], check=True)
+        self.addCleanup(subprocess.run, ["umount", "small"])
+        self.set_up_file("small/local", "c:\\data")
+        self.assertEqual(tool("--ping", "small/local"),
+                         (1, "volume is: %s\nchecking instance for volume: %s - "
+                             "\\Device\\HarddiskVolume%d\nno filter instance found for small/local\n"
+                          % (volume_of("small"), volume_of("."), os.stat(".").st_dev)))
+        small = subprocess.Popen([FILTER, "--drive", "c=back", "small"], stdout=subprocess.PIPE)
+        self.addCleanup(small.stdout.close)
+        self.addCleanup(small.wait)
+        self.addCleanup(small.kill)
+        small.stdout.readline()
+        self.assertEqual(send("--startAggressiveRestore", "small/local", "2"), 0)
+        eventually(lambda: send("--progress", "small/local") == FULL)
+        kept = read("small/local")
+        self.assertEqual(kept, self.content[: len(kept)])
+        subprocess.run(["mount", "-o", "remount,size=9m", "small"], check=True)
+        self.assertEqual(send("--startAggressiveRestore", "small/local", "2"), 0)
+        eventually(lambda: progress("small/local") == (len(self.content),) * 2)
+        self.assertEqual(read("small/local"), self.content)
+
+    @unittest.skipUnless(IS_ROOT, "needs root")
+    def test_serves_no_other_user(self):
+        os.chmod(self.folder, 0o755)
+        with monitor() as lines:
+            status, output = tool("--ping", "back/data", user=65534, cwd=self.folder)
+        self.assertEqual((status, result_of(output)), (1, BAD_HANDLE))
+        self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
+                                 "error = 0x80070005\n" % port_of(".")])
+
+
+class WithPeer(story):
+    def test_answers(self):
+        ok, no = struct.pack("<I", 0), struct.pack("<I", 0x80070005)
+        table = (
+            ((ok, ok + struct.pack("<QQ", 0xABC, 1 << 63)), 0, (0xABC, 1 << 63)),
+            ((ok, ok + b"\1\2"), 0, (0x201, 0)), ((ok, ok), 0, (0, 0)),
+            ((struct.pack("<I", 1), ok + bytes(100)), 0, (0, 0)),
+            ((ok, no), 0x80070005, None), ((ok, struct.pack("<I", 1)), 1, None),
+            ((ok, b"\0\0"), BAD_HANDLE, None), ((ok, None), BAD_HANDLE, None),
+            ((None,), BAD_HANDLE, None), ((no,), BAD_HANDLE, None))
+        for answers, result, values in table:
+            with self.subTest(answers=answers):
+                with peer(*answers):
+                    self.assertEqual(progress("back/data"), values)
+                with peer(*answers) as port:
+                    self.assertEqual(send("--startAggressiveRestore", "back/data", "-3"), result)
+                self.assertEqual(port.packets[0], CONTEXT)
+                if len(port.packets) > 1:
+                    self.assertEqual(port.packets[1][:4] + port.packets[1][12:],
+                                     struct.pack("<IIIiI", 0, 1, 1, -3, 0))
+
+    def test_traces_when_no_filter_is_loaded(self):
+        with monitor() as lines:
+            self.assertEqual(tool("--progress", "back/data"),
+                             (1, "no filter instance found for back/data\nqueryProgress failed\n"))
+        self.assertEqual(lines, ["FilterInstanceFindFirst failed: status = 0x801f0013\n"])
+
+
+class WithFailingCalls(story):
+    """Each call of the stand-in to its system fails, by index: it lives on, and what it
+    says is true."""
+
+    CALLS = {"openat": 6, "openat2": 2, "pread64": 4, "pwrite64": 3, "newfstatat": 8, "statx": 3,
+             "readlink": 2, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
+             "clone3": 2, "mmap": 4, "getsockopt": 2}
+
+    def test_lives_on(self):
+        if b"libasan" in read(FILTER):
+            self.skipTest("the sanitizer's own calls would fail")
+        if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
+            self.skipTest("strace can't trace here")
+        for call, uses in self.CALLS.items():
+            for error in ("EIO", "EINTR", "ENOMEM"):
+                for use in range(1, uses + 1):
+                    fault = "inject=%s:error=%s:when=%d" % (call, error, use)
+                    with self.subTest(fault):
+                        self.live_through(fault)
+        print("survived %d failing system calls" % (3 * sum(self.CALLS.values())), file=sys.stderr)
+
+    def live_through(self, fault):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("local")
+            os.unlink("local:restore_filter_tag")
+        self.set_up_file("local", "c:\\data")
+        if self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", fault):
+            for _ in range(30):  # a fault comes once in each thread, and every start has new ones
+                send("--startAggressiveRestore", "local", "2")
+                now = progress("local")
+                self.assertTrue(self.content.startswith(read("local")))
+                if now == (len(self.content),) * 2:
+                    break
+            self.assertTrue(now is None or now[0] == os.path.getsize("local"), now)
+            eventually(lambda: send("--ping", "local") == 0)
+        else:  # it could not begin, and said so
+            self.assertEqual(self.filter.wait(20), 1)
+        self.stop_filter(self.filter)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], warnings="ignore")
