@@ -26,6 +26,10 @@ bool resize(std::vector<wchar_t>& buffer, std::size_t units) noexcept {
   }
 }
 
+void traceQuery(DWORD error, const wchar_t* volume) noexcept {
+  traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
+}
+
 // Whether `deviceName` is the device of `volume`, "\\?\Volume{GUID}", the first
 // if it has several. `devices` takes their names and grows as needed.
 bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
@@ -36,27 +40,33 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer ||
         !resize(devices, larger)) {
-      traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
+      traceQuery(error, volume);
       return false;
     }
   }
   return deviceName == devices.data();
 }
 
+bool assign(std::wstring& text, const wchar_t* value) noexcept {
+  try {
+    text = value;
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 void FilterInstanceInfo::resolveVolumeId() noexcept {
   volumeId.clear();
-  std::array<wchar_t, MAX_PATH> volume{};
   std::vector<wchar_t> devices;
-  try {
-    volumeId.reserve(volume.size());  // so that setting it can't fail
-    devices = std::vector<wchar_t>(smallestDeviceBuffer);
-  } catch (const std::bad_alloc&) {
+  if (!resize(devices, smallestDeviceBuffer)) {
     traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     return;
   }
 
+  std::array<wchar_t, MAX_PATH> volume;
   const HANDLE volumes = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
   if (volumes == INVALID_HANDLE_VALUE) {
     traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
@@ -66,7 +76,9 @@ void FilterInstanceInfo::resolveVolumeId() noexcept {
     const std::size_t length = std::wcslen(volume.data());
     if (length > 0) volume[length - 1] = L'\0';  // the trailing backslash
     if (isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-      volumeId = volume.data() + prefixLength;
+      if (!assign(volumeId, volume.data() + prefixLength)) {
+        traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
+      }
       break;
     }
     if (FindNextVolumeW(volumes, volume.data(), static_cast<DWORD>(volume.size()))) continue;

@@ -46,7 +46,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   HRESULT result = takeFile(sender, received.fileHandle, path);
   if (result == S_OK) result = openRegularFile(path, O_RDONLY, file);
   if (result != S_OK) return result;
-  const auto mount = findMountOf(pathOf(file).c_str());
+  const auto mount = findVolumeOf(pathOf(file).c_str());
   if (!mount || mount->device != device) return E_INVALIDARG;  // not on this volume
   if (request.operation == ControlOperation_Ping) return S_OK;
 

@@ -23,7 +23,7 @@ pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 }  // namespace
 
 std::string port_server::attach(const char* path, std::string& why) {
-  const auto mount = findMountOf(path);
+  const auto mount = findVolumeOf(path);
   if (!mount) {
     why = std::strerror(errno);
     return {};

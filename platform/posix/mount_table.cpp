@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
-#include <utility>
 
 namespace {
 
@@ -45,61 +43,76 @@ std::string unescaped(std::string_view field) {
   return text;
 }
 
+// A line: "ID PARENT MAJOR:MINOR ROOT MOUNT-POINT ...".
+mount_entry entryIn(std::string_view line) {
+  mount_entry mount{};
+  nextField(line);
+  nextField(line);
+  const auto major = numberIn<unsigned>(nextField(line, ':'));
+  const auto minor = numberIn<unsigned>(nextField(line));
+  mount.device = makedev(major, minor);
+  nextField(line);
+  mount.mountPoint = nextField(line);
+  return mount;
+}
+
 }  // namespace
 
 std::string readProcFile(const char* path) {
   std::string content;
   const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return content;
+  char chunk[16384];
   ssize_t count = 0;
-  std::size_t size = 0;
   try {
-    do {
-      content.resize(size + 16384);
-      count = read(descriptor, content.data() + size, content.size() - size);
-      if (count > 0) size += static_cast<std::size_t>(count);
-    } while (count > 0);
+    while ((count = read(descriptor, chunk, sizeof(chunk))) > 0) {
+      content.append(chunk, static_cast<std::size_t>(count));
+    }
   } catch (...) {
     close(descriptor);
     throw;
   }
   close(descriptor);
-  content.resize(size);
   return content;
 }
 
-std::vector<mount_entry> readMountTable() {
-  const std::string table = readProcFile("/proc/self/mountinfo");
-  std::vector<mount_entry> mounts;
-  for (std::string_view rest = table; !rest.empty();) {
-    std::string_view line = nextField(rest, '\n');
-    mount_entry mount;
-    mount.id = numberIn<std::uint64_t>(nextField(line));
-    nextField(line);  // the parent mount
-    const auto major = numberIn<unsigned>(nextField(line, ':'));
-    const auto minor = numberIn<unsigned>(nextField(line));
-    mount.device = makedev(major, minor);
-    nextField(line);  // the folder of the file system that is mounted
-    mount.mountPoint = unescaped(nextField(line));
-    mounts.push_back(std::move(mount));
-  }
-  return mounts;
+mount_table::mount_table() : text(readProcFile("/proc/self/mountinfo")), rest(text) {}
+
+bool mount_table::next(mount_entry& mount) {
+  if (rest.empty()) return false;
+  mount = entryIn(nextField(rest, '\n'));
+  return true;
 }
 
-std::optional<mount_entry> findMountOf(const char* path) {
+std::optional<mount_entry> mount_table::find(std::uint64_t id) const {
+  const std::string start = '\n' + std::to_string(id) + ' ';
+  std::size_t line = 0;
+  if (!text.starts_with(std::string_view(start).substr(1))) {
+    line = text.find(start);
+    if (line == text.npos) return std::nullopt;
+    ++line;
+  }
+  return entryIn(std::string_view(text).substr(line, text.find('\n', line) - line));
+}
+
+std::optional<mounted_volume> findVolumeOf(const char* path) {
   struct statx file {};
   if (statx(AT_FDCWD, path, 0, STATX_MNT_ID, &file) != 0) return std::nullopt;
   if ((file.stx_mask & STATX_MNT_ID) == 0) return std::nullopt;
-  for (mount_entry& mount : readMountTable()) {
-    if (mount.id == file.stx_mnt_id) return std::move(mount);
-  }
-  return std::nullopt;
+  const mount_table table;
+  const auto mount = table.find(file.stx_mnt_id);
+  if (!mount) return std::nullopt;
+  return mounted_volume{mount->device, unescaped(mount->mountPoint)};
 }
 
 std::string volumeIdOf(dev_t device) {
-  char digits[idDigits + 1];
-  std::snprintf(digits, sizeof(digits), "%012llx", static_cast<unsigned long long>(device));
-  return std::string(idPrefix) + digits + '}';
+  char id[idPrefix.size() + idDigits + 1];
+  idPrefix.copy(id, idPrefix.size());
+  for (std::size_t i = 0; i < idDigits; ++i) {
+    id[idPrefix.size() + i] = "0123456789abcdef"[device >> 4 * (idDigits - 1 - i) & 0xF];
+  }
+  id[sizeof(id) - 1] = '}';
+  return {id, sizeof(id)};
 }
 
 std::optional<dev_t> deviceOfVolumeId(std::string_view id) {

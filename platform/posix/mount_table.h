@@ -6,21 +6,40 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-/// One mount of the host, from /proc/self/mountinfo (proc(5)).
+/// One mount of the host.
 struct mount_entry {
-  std::uint64_t id;
+  dev_t device;
+  std::string_view mountPoint;  // as the table writes it, valid while the table lives
+};
+
+/// The host's mounts, read once from /proc/self/mountinfo (proc(5)); none when it
+/// can't be read. Throws std::bad_alloc.
+class mount_table {
+ public:
+  mount_table();
+  mount_table(const mount_table&) = delete;
+  mount_table& operator=(const mount_table&) = delete;
+
+  /// The next mount in the host's order; false when there is none.
+  bool next(mount_entry& mount);
+  /// The mount with this id (statx(2)).
+  std::optional<mount_entry> find(std::uint64_t id) const;
+
+ private:
+  const std::string text;
+  std::string_view rest;
+};
+
+/// A volume: the device of a mount, and where that is mounted.
+struct mounted_volume {
   dev_t device;
   std::string mountPoint;
 };
 
-/// All mounts, in the host's order; none when the table can't be read. Throws
+/// The volume that holds `path`; none when the path can't be reached. Throws
 /// std::bad_alloc.
-std::vector<mount_entry> readMountTable();
-
-/// The mount that holds `path`; none when the path can't be reached.
-std::optional<mount_entry> findMountOf(const char* path);
+std::optional<mounted_volume> findVolumeOf(const char* path);
 
 /// The volume id of a device, "Volume{00000000-0000-0000-0000-" and the device
 /// number in 12 hexadecimal digits and "}", and back: none when `id` is no such.

@@ -16,7 +16,6 @@ struct decoded {
 
 decoded decodeOne(const unsigned char* bytes, std::size_t size) {
   const unsigned char lead = bytes[0];
-  if (lead < 0x80) return {lead, 1};
   std::size_t length = 0;
   if ((lead & 0xE0) == 0xC0) {
     length = 2;
@@ -67,9 +66,13 @@ template <typename Unit>
 std::size_t encode(const Unit* units, std::size_t count, char* bytes, std::size_t capacity) {
   std::size_t size = 0;
   for (std::size_t i = 0; i < count; ++i) {
+    const std::uint32_t unit = static_cast<std::uint16_t>(units[i]);
+    if (unit < 0x80 && size < capacity) {  // most of any path
+      bytes[size++] = static_cast<char>(unit);
+      continue;
+    }
     char encoded[4];
     std::size_t length = 1;
-    const std::uint32_t unit = static_cast<std::uint16_t>(units[i]);
     const std::uint32_t next = i + 1 < count ? static_cast<std::uint16_t>(units[i + 1]) : 0;
     if ((unit & 0xFC00) == 0xD800 && (next & 0xFC00) == 0xDC00) {
       length = encodeOne(0x10000 + ((unit & 0x3FF) << 10 | (next & 0x3FF)), encoded);
@@ -91,6 +94,10 @@ std::size_t decodeUtf8(const char* bytes, std::size_t size, wchar_t* units) {
   const auto* input = reinterpret_cast<const unsigned char*>(bytes);
   std::size_t count = 0;
   for (std::size_t i = 0; i < size;) {
+    if (input[i] < 0x80) {  // most of any path
+      units[count++] = static_cast<wchar_t>(input[i++]);
+      continue;
+    }
     const decoded next = decodeOne(input + i, size - i);
     if (next.length == 0) {
       units[count++] = static_cast<wchar_t>(firstByteEscape | (input[i] & 0x7Fu));

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <climits>
 #include <cwchar>
 #include <memory>
 #include <new>
@@ -30,17 +31,22 @@ bool failsWith(DWORD code) {
   return false;
 }
 
-// Decodes `text` and a terminating zero into `units`, which holds `size`.
+// Decodes `text` and a terminating zero into `units`, which holds `size`. A text
+// that exceeds PATH_MAX is nobody's name.
 bool answer(std::string_view text, LPWSTR units, DWORD size) {
-  std::wstring decoded(text.size(), L'\0');
-  decoded.resize(decodeUtf8(text.data(), text.size(), decoded.data()));
-  if (decoded.size() + 1 > size) return false;
-  std::wmemcpy(units, decoded.c_str(), decoded.size() + 1);
+  wchar_t decoded[PATH_MAX];
+  if (text.size() >= PATH_MAX) return false;
+  const std::size_t length = decodeUtf8(text.data(), text.size(), decoded);
+  if (length + 1 > size) return false;
+  std::wmemcpy(units, decoded, length);
+  units[length] = L'\0';
   return true;
 }
 
 bool answerVolumeName(dev_t device, LPWSTR volumeName, DWORD size) {
-  const std::string name = std::string(volumePrefix) + volumeIdOf(device) + '\\';
+  std::string name(volumePrefix);
+  name += volumeIdOf(device);
+  name += '\\';
   return answer(name, volumeName, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
 }
 
@@ -55,8 +61,8 @@ auto guarded(Call call) -> decltype(call()) {
   }
 }
 
-std::optional<mount_entry> mountOf(LPCWSTR path) {
-  std::optional<mount_entry> mount = findMountOf(host_path(path).bytes);
+std::optional<mounted_volume> mountOf(LPCWSTR path) {
+  std::optional<mounted_volume> mount = findVolumeOf(host_path(path).bytes);
   if (!mount) SetLastError(ERROR_FILE_NOT_FOUND);
   return mount;
 }
@@ -65,7 +71,7 @@ std::optional<mount_entry> mountOf(LPCWSTR path) {
 
 BOOL GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size) {
   return guarded([&]() -> BOOL {
-    const std::optional<mount_entry> mount = mountOf(path);
+    const std::optional<mounted_volume> mount = mountOf(path);
     if (!mount) return FALSE;
     return answer(mount->mountPoint, mountPoint, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
   });
@@ -73,7 +79,7 @@ BOOL GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size) {
 
 BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DWORD size) {
   return guarded([&]() -> BOOL {
-    const std::optional<mount_entry> mount = mountOf(mountPoint);
+    const std::optional<mounted_volume> mount = mountOf(mountPoint);
     return mount && answerVolumeName(mount->device, volumeName, size);
   });
 }
@@ -81,7 +87,8 @@ BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DW
 HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
   const HANDLE volumes = guarded([&]() -> HANDLE {
     auto search = std::make_unique<volume_search>();
-    for (const mount_entry& mount : readMountTable()) {
+    mount_table table;
+    for (mount_entry mount; table.next(mount);) {
       const auto& known = search->devices;
       if (std::find(known.begin(), known.end(), mount.device) == known.end()) {
         search->devices.push_back(mount.device);

@@ -25,8 +25,11 @@ int allocations() { return allocated; }
 outside_program::outside_program() : wasProgram(isProgram) { isProgram = false; }
 outside_program::~outside_program() { isProgram = wasProgram; }
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return isProgram && ++allocated == failing ? nullptr : std::malloc(size);
+}
 void* operator new(std::size_t size) {
-  void* const memory = isProgram && ++allocated == failing ? nullptr : std::malloc(size);
+  void* const memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
