@@ -25,6 +25,9 @@ add_compile_definitions($<$<BOOL:${WIN32}>:_WIN32_WINNT=0x0A00>
 if(ZAN_SANITIZE)
   # GCC 12 sees uninitialized values in std::regex as soon as it is instrumented.
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
-                      -Wno-maybe-uninitialized)
+                      $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=address,undefined)
+endif()
+if(ZAN_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

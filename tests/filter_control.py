@@ -7,6 +7,7 @@ import contextlib, os, shutil, signal, socket, struct, subprocess, sys, tempfile
 import unittest
 
 TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
+SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 IS_ROOT = os.geteuid() == 0
 CONTEXT = bytes(40)
 BUSY, INVALID, NOT_TAGGED, NOT_WHOLE = 0x800700AA, 0x80070057, 0x80070490, 0x8007000D
@@ -188,6 +189,19 @@ class WithRestoreFilter(story):
                 self.assertEqual(read(name), read(source))
                 self.assertEqual(send("--stopAggressiveRestore", name), 0)
         eventually(lambda: self.files_of_filter() <= opened)
+
+    def test_example_restores_many(self):
+        write("taken", b"mine")
+        files = {"one": "c:\\data", "two \xe9": r"\\srv\share\data", "taken": "c:\\data", "bad": "c:\\x"}
+        listed = "".join("%s\t%s\n" % pair for pair in files.items())
+        done = subprocess.run([os.path.join(SOURCE, "examples/restore-many.sh"), "4"], text=True,
+                              input=listed, capture_output=True,
+                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"]})
+        self.assertEqual((done.returncode, set(done.stdout.splitlines())),
+                         (1, {"one: whole", "two \xe9: whole"}))
+        self.assertIn("taken: not set up: create local file failed: 50", done.stderr)
+        self.assertIn("bad: not started: ", done.stderr)
+        self.assertEqual(read("one") + read("two \xe9") + read("taken"), 2 * self.content + b"mine")
 
     def test_refuses_and_leaves_untouched(self):
         os.symlink("/etc/passwd", "back/out")

@@ -1,0 +1,62 @@
+# What is installed, and the packages: a .deb for Linux, a ZIP for Windows.
+
+include(GNUInstallDirs)
+if(WIN32)
+  set(ZAN_DOCUMENTS .)
+  set(CMAKE_INSTALL_BINDIR .)
+else()
+  set(CMAKE_INSTALL_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/zan-restore)
+  set(ZAN_DOCUMENTS ${CMAKE_INSTALL_DOCDIR})
+endif()
+
+install(TARGETS zan_restore DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES include/zan_restore_filter.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES README.md CHANGELOG.md DESTINATION ${ZAN_DOCUMENTS})
+install(FILES docs/failures.md docs/restore-filter-contract.md DESTINATION ${ZAN_DOCUMENTS}/docs)
+if(WIN32)
+  install(FILES examples/restore-many.ps1 DESTINATION ${ZAN_DOCUMENTS}/examples)
+else()
+  install(PROGRAMS examples/restore-many.sh DESTINATION ${ZAN_DOCUMENTS}/examples)
+  # Compressed as Debian wants it: the same bytes at every build.
+  function(install_compressed file name folder)
+    set(compressed ${PROJECT_BINARY_DIR}/${name}.gz)
+    add_custom_command(OUTPUT ${compressed} DEPENDS ${file}
+      COMMAND gzip -9nc ${file} > ${compressed})
+    add_custom_target(compress_${name} ALL DEPENDS ${compressed})
+    install(FILES ${compressed} DESTINATION ${folder})
+  endfunction()
+  install_compressed(${PROJECT_SOURCE_DIR}/docs/zan_restore.1 zan_restore.1
+    ${CMAKE_INSTALL_MANDIR}/man1)
+  install_compressed(${PROJECT_SOURCE_DIR}/packaging/changelog changelog ${ZAN_DOCUMENTS})
+  install(FILES packaging/copyright DESTINATION ${ZAN_DOCUMENTS})
+  install(FILES packaging/lintian-overrides RENAME zan-restore
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides)
+endif()
+
+set(CPACK_PACKAGE_NAME zan-restore)
+set(CPACK_PACKAGE_VENDOR "zan_restore maintainers")
+set(CPACK_PACKAGE_CONTACT "zan_restore maintainers <maintainers@users.noreply.c-seed-128ccb42.example>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "set up and control the restoration of files by the restore filter")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_FILE_NAME zan_restore-${PROJECT_VERSION}-windows-x64)
+else()
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+  set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+  set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "\
+It tags files on a volume with named streams, such as NTFS, to be filled
+from a backing data file by the restore filter, a Windows file-system
+minifilter driver, and sends that filter its requests: ping, start and
+stop of aggressive restoration, and progress.
+
+It comes with the header and the documents for people who write a
+restore filter.")
+endif()
+include(CPack)
