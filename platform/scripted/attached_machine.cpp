@@ -5,10 +5,6 @@
 
 namespace scripted {
 
-const std::wstring firstVolume = L"Volume{11111111-1111-1111-1111-111111111111}";
-const std::wstring secondVolume = L"Volume{22222222-2222-2222-2222-222222222222}";
-const std::wstring fileVolume = L"Volume{abcdefab-3333-3333-3333-333333333333}";
-
 std::string instanceRecord(const std::wstring& device, bool isLegacy, std::size_t pad) {
   INSTANCE_AGGREGATE_STANDARD_INFORMATION header{};
   std::string texts(pad, '\0');

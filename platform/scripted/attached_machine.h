@@ -8,9 +8,9 @@
 // filter attached to all of them, a local file f on the third.
 namespace scripted {
 
-extern const std::wstring firstVolume;
-extern const std::wstring secondVolume;
-extern const std::wstring fileVolume;
+inline const std::wstring firstVolume = L"Volume{11111111-1111-1111-1111-111111111111}";
+inline const std::wstring secondVolume = L"Volume{22222222-2222-2222-2222-222222222222}";
+inline const std::wstring fileVolume = L"Volume{abcdefab-3333-3333-3333-333333333333}";
 
 machine attachedMachine();
 
