@@ -19,7 +19,7 @@ filter_port::filter_port(const std::wstring& name)
     : portName(name), portHandle(INVALID_HANDLE_VALUE) {
   const HRESULT result =
       FilterConnectCommunicationPort(portName.c_str(), 0, connectionContext.data(),
-                                     connectionContext.size(), nullptr, &portHandle);
+                                     RESTORE_FILTER_CONNECTION_CONTEXT_SIZE, nullptr, &portHandle);
   if (result >= 0) return;
 
   traceLine(L"FilterConnectCommunicationPort failed: portName = ", portName, L", error = 0x",

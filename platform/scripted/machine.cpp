@@ -148,6 +148,14 @@ using namespace scripted;
 #ifdef _WIN32
 #define KERNEL32(name) scripted_##name
 #define REPLACE(name) decltype(&name) __imp_##name = scripted_##name
+
+// The runtime library's own output, where that is linked statically.
+static BOOL writeReally(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
+                        LPOVERLAPPED overlapped) {
+  static const auto address =
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "WriteFile"));
+  return reinterpret_cast<decltype(&WriteFile)>(address)(file, data, size, written, overlapped);
+}
 #else
 #define KERNEL32(name) name
 #endif
@@ -173,6 +181,9 @@ HANDLE WINAPI KERNEL32(CreateFileW)(LPCWSTR path, DWORD access, DWORD share,
 BOOL WINAPI KERNEL32(WriteFile)(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                                 LPOVERLAPPED overlapped) {
   const outside_program here;
+#ifdef _WIN32
+  if (!now.open.contains(file)) return writeReally(file, data, size, written, overlapped);
+#endif
   const auto code = enter("WriteFile", nameOf(file), size, none(overlapped));
   *written = size;
   if (code == shortWrite) {
@@ -261,7 +272,9 @@ void WINAPI KERNEL32(OutputDebugStringW)(LPCWSTR text) {
   now.traces.push_back(utf8(text));
 }
 
-HANDLE WINAPI KERNEL32(GetStdHandle)(DWORD) { return nullptr; }
+#ifndef _WIN32
+HANDLE WINAPI GetStdHandle(DWORD) { return nullptr; }
+#endif
 
 BOOL WINAPI KERNEL32(GetConsoleMode)(HANDLE, LPDWORD) { return now.hasConsole ? TRUE : FALSE; }
 
@@ -336,7 +349,6 @@ REPLACE(FindNextVolumeW);
 REPLACE(FindVolumeClose);
 REPLACE(QueryDosDeviceW);
 REPLACE(OutputDebugStringW);
-REPLACE(GetStdHandle);
 REPLACE(GetConsoleMode);
 REPLACE(WriteConsoleW);
 #endif
