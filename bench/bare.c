@@ -100,7 +100,8 @@ static int send_to_filter(const char *path, int is_query) {
   for (int i = 0; i < 2; ++i) {
     statx(AT_FDCWD, i == 0 ? path : "/", 0, STATX_MNT_ID, &where);
     read_whole("/proc/self/mountinfo", table, sizeof(table));
-    device = device_of(table, where.stx_mnt_id);
+    const unsigned long found = device_of(table, where.stx_mnt_id);
+    if (i == 0) device = found;
   }
   if (!is_query) {
     struct stat output;

@@ -14,7 +14,7 @@ failed() {
 }
 
 waiting=()
-while IFS=$'\t' read -r file backing; do
+while IFS=$'\t' read -r file backing || [ -n "$file" ]; do
   if ! output=$(zan_restore "$file" "$backing" simple "$reads"); then
     failed "$file" "not set up: $output"
   elif ! output=$(zan_restore --startAggressiveRestore "$reads" "$file"); then

@@ -1,7 +1,7 @@
 /*
  * The contract between zan_restore and the restore filter: names, the tag
- * record and the messages, byte for byte. For C and C++, in a kernel driver
- * (wchar_t of 16 bits) and in user mode. All integers are little-endian.
+ * record and the messages, byte for byte. For C, and C++11 or later, in a kernel
+ * driver (wchar_t of 16 bits) and in user mode. All integers are little-endian.
  * docs/restore-filter-contract.md tells how they are used.
  */
 #ifndef ZAN_RESTORE_FILTER_H
@@ -89,9 +89,11 @@ typedef struct ProgressInfo {
   uint64_t total;    /* what progress counts towards */
 } ProgressInfo;
 
-#ifdef __cplusplus
+#if defined(__cplusplus)
 #define RESTORE_FILTER_CHECK(condition) static_assert(condition, #condition)
-#else /* for every C: an array type that can't be when the condition is false */
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#define RESTORE_FILTER_CHECK(condition) _Static_assert(condition, #condition)
+#else /* an array type that can't be when the condition is false */
 #define RESTORE_FILTER_CHECK(condition) extern char restore_filter_check[(condition) ? 1 : -1]
 #endif
 
