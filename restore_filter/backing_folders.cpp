@@ -40,7 +40,8 @@ HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
   if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   if (!S_ISREG(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
   const std::string link = "/proc/self/fd/" + std::to_string(path.get());
-  file = descriptor(open(link.c_str(), flags | O_CLOEXEC));
+  // O_NONBLOCK, so that somebody's lease is a refusal, not a wait.
+  file = descriptor(open(link.c_str(), flags | O_CLOEXEC | O_NONBLOCK));
   return file.isOpen() ? S_OK : hostFailure();
 }
 

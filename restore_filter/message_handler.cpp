@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <system_error>
 
 #include "platform/posix/last_error.h"
@@ -46,27 +48,42 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   HRESULT result = takeFile(sender, received.fileHandle, path);
   if (result == S_OK) result = openRegularFile(path, O_RDONLY, file);
   if (result != S_OK) return result;
-  const auto mount = findVolumeOf(pathOf(file).c_str());
-  if (!mount || mount->device != device) return E_INVALIDARG;  // not on this volume
+  const auto volume = findVolumeOf(pathOf(file).c_str());
+  if (!volume) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation_Ping) return S_OK;
 
   std::string backingPath;
   result = readTagOf(file.get(), backingPath);
   if (result != S_OK) return result;
-  struct stat status {};
-  if (fstat(file.get(), &status) != 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  const file_key key{status.st_dev, status.st_ino};
+  file_key key;
+  result = keyOf(file.get(), key);
+  if (result != S_OK) return result;
+  forgetEnded();
 
   switch (request.operation) {
     case ControlOperation_StartAggressiveRestore:
       result = openRegularFile(path, O_WRONLY, file);
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
-    case ControlOperation_StopAggressiveRestore: restorations.erase(key); return S_OK;
+    case ControlOperation_StopAggressiveRestore:
+      restorations.erase(key);
+      failures.erase(key);
+      return S_OK;
     default:
       result = queryProgress(key, file.get(), backingPath, reply);
       if (result == S_OK) replySize = sizeof(reply);
       return result;
   }
+}
+
+HRESULT message_handler::keyOf(int file, file_key& key) {
+  struct statx status {};
+  if (statx(file, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
+    return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  }
+  key = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino,
+         status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
+  return S_OK;
 }
 
 HRESULT message_handler::start(file_key key, descriptor file, const std::string& backingPath,
@@ -76,11 +93,8 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
   const HRESULT opened = backingFolders.openFile(backingPath, backing);
   if (opened != S_OK) return opened;
 
-  const auto known = restorations.find(key);
-  if (known != restorations.end()) {
-    if (known->second->isRunning()) return HRESULT_FROM_WIN32(ERROR_BUSY);
-    restorations.erase(known);
-  }
+  if (restorations.contains(key)) return HRESULT_FROM_WIN32(ERROR_BUSY);
+  failures.erase(key);
   const int reads = std::min(how.concurrentReads, mostReads);
   try {
     restorations[key] = std::make_unique<restoration>(std::move(file), std::move(backing), reads);
@@ -94,10 +108,8 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
 // restoration that failed answers its failure, so that nobody waits for it.
 HRESULT message_handler::queryProgress(file_key key, int file, const std::string& backingPath,
                                        ProgressInfo& progress) {
-  const auto known = restorations.find(key);
-  if (known != restorations.end() && known->second->failure() != S_OK) {
-    return known->second->failure();
-  }
+  const auto failed = failures.find(key);
+  if (failed != failures.end()) return failed->second;
   descriptor backing;
   const HRESULT opened = backingFolders.openFile(backingPath, backing);
   if (opened != S_OK) return opened;
@@ -111,12 +123,18 @@ HRESULT message_handler::queryProgress(file_key key, int file, const std::string
   return S_OK;
 }
 
-void message_handler::forgetEnded() {
-  std::erase_if(restorations, [](const auto& entry) {
-    restoration& ended = *entry.second;
-    if (ended.isRunning()) return false;
-    struct stat status {};
-    const bool isGone = fstat(ended.localFile(), &status) == 0 && status.st_nlink == 0;
-    return isGone || ended.failure() == S_OK;
-  });
+void message_handler::forgetEnded() noexcept {
+  for (auto each = restorations.begin(); each != restorations.end();) {
+    if (each->second->isRunning()) {
+      ++each;
+      continue;
+    }
+    const HRESULT failure = each->second->failure();
+    try {
+      if (failure != S_OK) failures[each->first] = failure;
+    } catch (const std::bad_alloc&) {
+      return;  // another time
+    }
+    each = restorations.erase(each);
+  }
 }

@@ -4,10 +4,11 @@
 #include <windows.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
+#include <tuple>
 
 #include "restore_filter/backing_folders.h"
 #include "restore_filter/restoration.h"
@@ -24,11 +25,13 @@ class message_handler {
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Lets go of the files of restorations that have ended.
-  void forgetEnded();
+  /// Lets go of the restorations that have ended; why one failed is kept.
+  void forgetEnded() noexcept;
 
  private:
-  using file_key = std::pair<dev_t, ino_t>;
+  // Device, inode and time of birth: an inode's number is used again.
+  using file_key = std::tuple<dev_t, ino_t, std::int64_t, std::uint32_t>;
+  static HRESULT keyOf(int file, file_key& key);
 
   HRESULT start(file_key key, descriptor file, const std::string& backingPath,
                 const RestoreStrategy& how);
@@ -37,4 +40,5 @@ class message_handler {
 
   const backing_folders& backingFolders;
   std::map<file_key, std::unique_ptr<restoration>> restorations;
+  std::map<file_key, HRESULT> failures;  // of restorations that have ended
 };

@@ -13,12 +13,15 @@
 
 namespace {
 
-// Past this many the oldest connection is dropped: the tool's live for one message.
+// Past this many a connection is dropped: the tool's live for one message.
 constexpr std::size_t mostConnections = 200;
 constexpr int idleMilliseconds = 1000;
 constexpr std::size_t replySizeField = sizeof(std::uint32_t);
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
+
+// The system has run out of something: it gets a moment to have it again.
+void rest() { usleep(10000); }
 
 }  // namespace
 
@@ -46,7 +49,10 @@ void port_server::serve(int stop) {
     waiting.assign(1, readable(stop));
     for (const port& each : ports) waiting.push_back(readable(each.listener.get()));
     for (const connection& each : connections) waiting.push_back(readable(each.socket.get()));
-    if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0 && errno != EINTR) return;
+    if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0) {
+      rest();
+      continue;
+    }
     if (waiting[0].revents != 0) return;
 
     const auto* ready = waiting.data() + 1 + ports.size();
@@ -59,14 +65,28 @@ void port_server::serve(int stop) {
   }
 }
 
+// The oldest connection of another user, else the oldest that has said nothing yet,
+// else the oldest.
+std::vector<port_server::connection>::iterator port_server::leastWanted() {
+  auto found = std::find_if(connections.begin(), connections.end(),
+                            [](const connection& each) { return !each.isTrusted; });
+  if (found == connections.end()) {
+    found = std::find_if(connections.begin(), connections.end(),
+                         [](const connection& each) { return !each.isOpen; });
+  }
+  return found == connections.end() ? connections.begin() : found;
+}
+
 void port_server::accept(const port& from) {
-  if (connections.size() >= mostConnections) connections.erase(connections.begin());
+  if (connections.size() >= mostConnections) connections.erase(leastWanted());
   descriptor socket(accept4(from.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   ucred peer{};
   socklen_t size = sizeof(peer);
-  if (!socket.isOpen() || getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+  if (!socket.isOpen()) {
+    if (errno == EMFILE || errno == ENFILE) rest();
     return;
   }
+  if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
   const bool isTrusted = peer.uid == 0 || peer.uid == geteuid();
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
 }

@@ -12,7 +12,8 @@
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one a volume, and their connections.
-/// Serves its own user and root; nobody waits for a peer that is slow or silent.
+/// Serves its own user and root. Nobody waits for a peer that is slow or silent; all
+/// wait for a file system that hangs.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
@@ -37,6 +38,7 @@ class port_server {
     bool isOpen;  // the context has been accepted
   };
 
+  std::vector<connection>::iterator leastWanted();
   void accept(const port& from);
   bool receive(connection& from);
   HRESULT answer(connection& from, const void* packet, std::size_t size, ProgressInfo& reply,

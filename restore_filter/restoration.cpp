@@ -84,15 +84,14 @@ void restoration::restoreChunks() {
         finish(readResult);
         break;
       }
-      const auto count = static_cast<std::size_t>(size);
+      auto count = static_cast<std::size_t>(size);
+      const bool isWhole = readOn(chunk, count, offset);
       const HRESULT writeResult = writeChunk(chunk, count, offset);
       if (writeResult != S_OK) {
         finish(writeResult);
         break;
       }
       if (count < chunkSize) {
-        // The end of the backing file, unless it has shrunk below what was read.
-        const bool isWhole = sizeOf(backing.get()) == offset + count;
         finish(isWhole ? S_OK : HRESULT_FROM_WIN32(ERROR_FILE_INVALID));
         break;
       }
@@ -119,6 +118,20 @@ bool restoration::awaitTurn(std::uint64_t offset) {
   std::unique_lock lock(mutex);
   written.wait(lock, [&] { return isEnding || nextWrite == offset; });
   return !isEnding;
+}
+
+// Reads the rest of a chunk of `size` bytes at `offset` where the backing file has
+// grown since. Whether it ends with the chunk or goes on after it; it does not when
+// it has shrunk.
+bool restoration::readOn(std::vector<char>& chunk, std::size_t& size, std::uint64_t offset) const {
+  while (size < chunkSize) {
+    const std::uint64_t end = sizeOf(backing.get());
+    if (end <= offset + size) return end == offset + size;
+    const ssize_t longer = readChunk(backing.get(), chunk, offset);
+    if (longer <= static_cast<ssize_t>(size)) return false;
+    size = static_cast<std::size_t>(longer);
+  }
+  return true;
 }
 
 HRESULT restoration::writeChunk(const std::vector<char>& chunk, std::size_t size,

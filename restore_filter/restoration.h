@@ -13,7 +13,7 @@
 /// One aggressive restoration: fills a local file from its backing file with n
 /// concurrent reads. Writes go to the end of the local file, in order, so what it
 /// holds is always the beginning of the backing file, also after a kill, and a
-/// new restoration goes on from there.
+/// new restoration goes on from there: it takes what it finds for such a beginning.
 class restoration {
  public:
   /// Starts `reads` threads, 1 to 64; takes both files, `local` open for writing.
@@ -25,12 +25,12 @@ class restoration {
   bool isRunning();
   /// Why it ended before the whole file was restored; S_OK when it didn't.
   HRESULT failure();
-  int localFile() const { return local.get(); }
 
  private:
   void restoreChunks();
   bool takeChunk(std::uint64_t& offset);
   bool awaitTurn(std::uint64_t offset);
+  bool readOn(std::vector<char>& chunk, std::size_t& size, std::uint64_t offset) const;
   HRESULT writeChunk(const std::vector<char>& chunk, std::size_t size, std::uint64_t offset) const;
   void finish(HRESULT reason);
 

@@ -38,6 +38,9 @@ HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
 }
 
 HRESULT readTagOf(int file, std::string& backingPath) {
+  struct stat status {};
+  if (fstat(file, &status) != 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (status.st_nlink == 0) return notTagged;  // deleted, and its tag with it
   const std::string link = "/proc/self/fd/" + std::to_string(file);
   std::string path(PATH_MAX, '\0');
   const ssize_t length = readlink(link.c_str(), path.data(), path.size());

@@ -109,8 +109,8 @@ TEST(Output, TearsNoSurrogatePairWhereverItsBufferEnds) {
     std::wstring path(before, L'x');
     std::string expected(before, 'x');
     for (int i = 0; i < 300; ++i) {
-      path += L"\xD83D\xDE00";
-      expected += "\U0001F600";
+      path += L"\xDBFF\xDFFF";
+      expected += "\U0010FFFF";
     }
     EXPECT_EQ(run({L"f", path}).output, "create tag stream: " + expected + "\n");
   }

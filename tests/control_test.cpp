@@ -43,7 +43,7 @@ const std::string notSent = "message not sent to port: " + port + "\n";
 
 // What diagnostic_information prints, and the line end that follows it.
 std::string diagnosis(const std::string& result) {
-  return "fsfilter/filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
+  return "fsfilter.filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
          "Dynamic exception type: .*wrapexcept.*result_exception.*\n"
          "std::exception::what: .+\n"
          "0x" +
@@ -120,6 +120,10 @@ TEST(Control, PrintsTheProgressThatTheFilterWrote) {
     EXPECT_EQ(done.status, 0);
     EXPECT_EQ(done.output, "progress: " + values + "\n");
   }
+  now = attachedMachine();
+  ProgressInfo used{7, 7};
+  EXPECT_EQ(queryProgress(L"f", used), 0);
+  EXPECT_EQ(used.progress + used.total, 0u);
 }
 
 TEST(Control, TellsWhyNothingWasSent) {
@@ -159,6 +163,20 @@ TEST(Control, TellsWhyNothingWasSent) {
       EXPECT_EQ(now.uses["FilterConnectCommunicationPort"], 0);
       EXPECT_TRUE(now.open.empty());
     }
+  }
+}
+
+TEST(Control, FindsTheVolumeIdWhereverItStands) {
+  const std::pair<std::wstring, std::string> table[] = {
+      {L"Vol" + fileVolume + L"\\", id},
+      {L"0123456789Volume{abc}", "Volume{abc}"},
+  };
+  for (const auto& [name, expected] : table) {
+    now = attachedMachine();
+    now.mountedVolume = name;
+    const std::string output = run({L"--ping", L"f"}).output;
+    const std::string found = output.substr(0, output.find('\n'));
+    EXPECT_EQ(found.substr(0, found.find('\0')), "volume is: " + expected);
   }
 }
 
@@ -258,6 +276,10 @@ TEST(Instances, AreCopiedFromTheRecords) {
                              L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\device\\V3 \n"
                              L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\Device\\V \n");
   EXPECT_EQ(now.uses["FindFirstVolumeW"], 3);  // never for a legacy filter
+  FilterInstanceInfo used;
+  used.volumeId = L"stale";
+  used.resolveVolumeId();
+  EXPECT_EQ(used.volumeId, L"");
   EXPECT_TRUE(now.traces.empty());
 }
 
@@ -266,6 +288,7 @@ TEST(Instances, TextOutsideTheBufferIsEmpty) {
   std::string record = instanceRecord(L"\\Device\\V3");
   header changed;
   std::memcpy(&changed, record.data(), sizeof(changed));
+  changed.Flags = 3;  // 2 alone means a legacy filter
   auto& mini = changed.Type.MiniFilter;
   mini.InstanceNameBufferOffset = 0xFFFF;
   mini.AltitudeLength = 0xFFFE;
@@ -322,6 +345,9 @@ TEST(Instances, FailuresAreTraced) {
        3,
        {"FilterInstanceFindNext failed: status = 0x80070005\n"}},
       {{{"FilterInstanceFindNext#2", 0x7A}}, 3, {}},
+      {{{"FilterInstanceFindNext#3", 0x801F0103}}, 3, {}},  // whatever the facility
+      {{{"FilterInstanceFindNext#1", 1}}, 4, {}},           // a success: the record once more
+      {{{"FilterInstanceFindClose", 1}}, 3, {}},
       {{{"FilterInstanceFindClose", 0x80070006}},
        3,
        {"FilterInstanceFindClose failed: status = 0x80070006\n"}},
@@ -341,6 +367,12 @@ TEST(Instances, FailuresAreTraced) {
     EXPECT_EQ(now.traces, row.traces);
     EXPECT_EQ(now.uses["FilterInstanceFindClose"], 1);
     EXPECT_TRUE(now.open.empty());
+    const bool neverFits = row.failing.count("FilterInstanceFindFirst") != 0 &&
+                           row.failing.begin()->second == 0x8007007A;
+    if (neverFits) {
+      EXPECT_EQ(now.calls.at(now.calls.size() - 2),
+                "FilterInstanceFindFirst zan_restore_filter 3 1048576");
+    }
   }
   now = attachedMachine();
   now.failing = {{"QueryDosDeviceW", 122}};

@@ -28,13 +28,14 @@ def tool(*words):
 
 
 def result_of(output):
-    """The HRESULT in the diagnosis of a failed send; 0 when there is none."""
-    line = next((line for line in output.splitlines() if "FilterSendMessage" in line), "0x0")
-    return int(line.split("[")[0], 16)
+    """The HRESULT in the diagnosis of a failed send; None when nothing was sent."""
+    line = next((line for line in output.splitlines() if "FilterSendMessage" in line), None)
+    return line and int(line.split("[")[0], 16)
 
 
 def send(word, path, *count):
-    return result_of(tool(word, *count, path)[1])
+    status, output = tool(word, *count, path)
+    return 0 if status == 0 else result_of(output)
 
 
 def write(path, content):
@@ -206,12 +207,13 @@ class WithRestoreFilter(story):
     def test_refuses_and_leaves_untouched(self):
         os.symlink("/etc/passwd", "back/out")
         os.mkfifo("back/pipe")
+        self.assertEqual(send("--ping", "back/pipe"), BAD_HANDLE)
         self.set_up_file("good", "c:\\data")
         tag = read("good:restore_filter_tag")
         table = (
             (None, NOT_TAGGED), (b"", NOT_WHOLE), (tag[:-1], NOT_WHOLE), (tag + b"x", NOT_WHOLE),
             (b"\x54" + tag[1:], NOT_WHOLE), (tag[:8] + b"\0" + tag[9:], NOT_WHOLE),
-            (tag[:26] + b"\xd2\x3f" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x03" + tag[27:], NOT_WHOLE),
+            (tag[:24] + b"\x09\0" + tag[26:], NOT_WHOLE), (tag[:26] + b"\xd2\x3f" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x03" + tag[27:], NOT_WHOLE),
             (tag[:26] + b"\0\0" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x18\x00" + tag[28:], NOT_WHOLE),
             ("c:\\nothing", NOT_FOUND), ("d:\\data", NO_PATH), ("c:\\..\\back\\data", DENIED),
             ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED), ("c:\\", NOT_FOUND),
@@ -228,6 +230,11 @@ class WithRestoreFilter(story):
                 for words in (("--startAggressiveRestore", name, "2"), ("--progress", name)):
                     self.assertEqual(send(*words), expected)
                 self.assertEqual(os.path.getsize(name), 0)
+        for make in (lambda name: os.symlink("good:restore_filter_tag", name), os.mkfifo):
+            write("linked", b"")
+            make("linked:restore_filter_tag")
+            self.assertNotIn(send("--progress", "linked"), (0, None))
+            os.unlink("linked:restore_filter_tag")
         for reads in ("0", "-1"):
             self.assertEqual(send("--startAggressiveRestore", "good", reads), INVALID)
 
@@ -272,6 +279,9 @@ class WithRestoreFilter(story):
         self.assertEqual(progress("local"), (kept, kept + 3))
         self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
         eventually(lambda: progress("local") == (kept + 3, kept + 3))
+        os.truncate("back/huge", kept + 9)  # grown
+        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        eventually(lambda: progress("local") == (kept + 9, kept + 9))
         os.truncate("back/huge", 5)
         self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
         eventually(lambda: send("--progress", "local") == TOO_SHORT)
@@ -290,27 +300,27 @@ class WithRestoreFilter(story):
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_full_disk_and_other_volume(self):
-        os.mkdir("small")
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "small"], check=True)
-        self.addCleanup(subprocess.run, ["umount", "small"])
-        self.set_up_file("small/local", "c:\\data")
-        self.assertEqual(tool("--ping", "small/local"),
+        os.mkdir("sm all")
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "sm all"], check=True)
+        self.addCleanup(subprocess.run, ["umount", "sm all"])
+        self.set_up_file("sm all/local", "c:\\data")
+        self.assertEqual(tool("--ping", "sm all/local"),
                          (1, "volume is: %s\nchecking instance for volume: %s - "
-                             "\\Device\\HarddiskVolume%d\nno filter instance found for small/local\n"
-                          % (volume_of("small"), volume_of("."), os.stat(".").st_dev)))
-        small = subprocess.Popen([FILTER, "--drive", "c=back", "small"], stdout=subprocess.PIPE)
+                             "\\Device\\HarddiskVolume%d\nno filter instance found for sm all/local\n"
+                          % (volume_of("sm all"), volume_of("."), os.stat(".").st_dev)))
+        small = subprocess.Popen([FILTER, "--drive", "c=back", "sm all"], stdout=subprocess.PIPE)
         self.addCleanup(small.stdout.close)
         self.addCleanup(small.wait)
         self.addCleanup(small.kill)
         small.stdout.readline()
-        self.assertEqual(send("--startAggressiveRestore", "small/local", "2"), 0)
-        eventually(lambda: send("--progress", "small/local") == FULL)
-        kept = read("small/local")
+        self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
+        eventually(lambda: send("--progress", "sm all/local") == FULL)
+        kept = read("sm all/local")
         self.assertEqual(kept, self.content[: len(kept)])
-        subprocess.run(["mount", "-o", "remount,size=9m", "small"], check=True)
-        self.assertEqual(send("--startAggressiveRestore", "small/local", "2"), 0)
-        eventually(lambda: progress("small/local") == (len(self.content),) * 2)
-        self.assertEqual(read("small/local"), self.content)
+        subprocess.run(["mount", "-o", "remount,size=9m", "sm all"], check=True)
+        self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
+        eventually(lambda: progress("sm all/local") == (len(self.content),) * 2)
+        self.assertEqual(read("sm all/local"), self.content)
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_serves_no_other_user(self):

@@ -53,6 +53,7 @@ TEST(NtPath, GetsItsPrefixAndNothingElse) {
       {L"\\dir\\foo.txt", L"\\dir\\foo.txt"},
       {L"//server/share", L"//server/share"},
       {L":x", L":x"},
+      {L"::x", L"::x"},
       {L"ab:c", L"ab:c"},
   };
   for (const auto& [given, expected] : table) EXPECT_EQ(toNtPath(given), expected);

@@ -31,6 +31,19 @@ int descriptorOf(HANDLE handle) {
   return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
 }
 
+// Drops the type from a stream's name, FILE:STREAM:$DATA. False when `path` has a
+// type but no stream, or a type in its middle: no file or stream is named so.
+bool dropStreamType(host_path& path) {
+  std::string_view name(path.bytes, path.size);
+  if (name.ends_with(defaultStreamType)) {
+    name.remove_suffix(defaultStreamType.size());
+    if (name.find(':', name.rfind('/') + 1) == name.npos) return false;
+    path.size = name.size();
+    path.bytes[path.size] = '\0';
+  }
+  return name.find(defaultStreamType) == name.npos;
+}
+
 bool folderExists(host_path& path) {
   char* slash = std::strrchr(path.bytes, '/');
   if (slash == nullptr) return path.size > 0;
@@ -51,12 +64,9 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
                    DWORD, HANDLE) {
   host_path host(path);
   if (!host.fits) return openFailed(ENAMETOOLONG, host);
-  const std::string_view name(host.bytes, host.size);
-  const bool isStream = name.ends_with(defaultStreamType);
-  if (isStream) {
-    host.size -= defaultStreamType.size();
-    host.bytes[host.size] = '\0';
-  }
+  const std::size_t givenSize = host.size;
+  if (!dropStreamType(host)) return openFailed(EINVAL, host);
+  const bool isStream = host.size < givenSize;
 
   // O_NONBLOCK, so that a FIFO does not hold the program up.
   int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
@@ -101,6 +111,7 @@ BOOL CloseHandle(HANDLE handle) {
 
 BOOL DeleteFileW(LPCWSTR path) {
   host_path host(path);
+  dropStreamType(host);
   const std::string_view stream(createdStream);
   const std::string_view name(host.bytes, host.size);
   if (stream.starts_with(name) && stream.find(':', name.size()) == name.size()) {

@@ -38,9 +38,8 @@ HRESULT failure(DWORD code) { return HRESULT_FROM_WIN32(code); }
 // A line of /proc/net/unix: "Num: RefCount Protocol Flags Type St Inode Path". A
 // listening socket has the flag 0x10000, SOCK_SEQPACKET is type 5, and '@' stands
 // for the zero that begins an abstract name.
-std::vector<dev_t> listeningDevices(const std::string& filterName) {
+std::vector<dev_t> listeningDevices(const std::string& sockets, const std::string& filterName) {
   std::vector<dev_t> devices;
-  const std::string sockets = readProcFile("/proc/net/unix");
   const std::string prefix = " @\\" + filterName + '-';
   for (std::size_t at = sockets.find(prefix); at != sockets.npos;
        at = sockets.find(prefix, at + 1)) {
@@ -110,7 +109,9 @@ HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, 
   try {
     auto found = std::make_unique<instance_search>();
     found->filterName = host_path(filterName).bytes;
-    found->devices = listeningDevices(found->filterName);
+    std::string sockets;
+    if (!readProcFile("/proc/net/unix", sockets)) return failure(windowsErrorFor(errno));
+    found->devices = listeningDevices(sockets, found->filterName);
     if (found->devices.empty()) return ERROR_FLT_FILTER_NOT_FOUND;
     const HRESULT result = nextInstance(*found, buffer, size, returned);
     if (result == S_OK) *search = found.release();

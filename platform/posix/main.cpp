@@ -32,7 +32,10 @@ bool keepStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!keepStandardDescriptors()) return 1;
+  if (!keepStandardDescriptors()) {
+    std::cerr << "zan_restore: out of file descriptors" << std::endl;
+    return 1;
+  }
   // A reader that has gone and a file size limit are failed writes, not ends:
   // a process that they ended would leave a half-made file.
   std::signal(SIGPIPE, SIG_IGN);

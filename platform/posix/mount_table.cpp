@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 
 namespace {
@@ -58,10 +59,9 @@ mount_entry entryIn(std::string_view line) {
 
 }  // namespace
 
-std::string readProcFile(const char* path) {
-  std::string content;
+bool readProcFile(const char* path, std::string& content) {
   const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return content;
+  if (descriptor < 0) return false;
   char chunk[16384];
   ssize_t count = 0;
   try {
@@ -72,11 +72,13 @@ std::string readProcFile(const char* path) {
     close(descriptor);
     throw;
   }
+  const int error = errno;
   close(descriptor);
-  return content;
+  errno = error;
+  return count == 0;
 }
 
-mount_table::mount_table() : text(readProcFile("/proc/self/mountinfo")), rest(text) {}
+mount_table::mount_table() : wasRead(readProcFile("/proc/self/mountinfo", text)), rest(text) {}
 
 bool mount_table::next(mount_entry& mount) {
   if (rest.empty()) return false;
@@ -98,10 +100,14 @@ std::optional<mount_entry> mount_table::find(std::uint64_t id) const {
 std::optional<mounted_volume> findVolumeOf(const char* path) {
   struct statx file {};
   if (statx(AT_FDCWD, path, 0, STATX_MNT_ID, &file) != 0) return std::nullopt;
-  if ((file.stx_mask & STATX_MNT_ID) == 0) return std::nullopt;
   const mount_table table;
-  const auto mount = table.find(file.stx_mnt_id);
-  if (!mount) return std::nullopt;
+  if (!table.isRead()) return std::nullopt;
+  const bool isKnown = (file.stx_mask & STATX_MNT_ID) != 0;  // Linux 5.8 or later
+  const auto mount = isKnown ? table.find(file.stx_mnt_id) : std::nullopt;
+  if (!mount) {
+    errno = ENOENT;
+    return std::nullopt;
+  }
   return mounted_volume{mount->device, unescaped(mount->mountPoint)};
 }
 

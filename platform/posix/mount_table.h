@@ -13,21 +13,24 @@ struct mount_entry {
   std::string_view mountPoint;  // as the table writes it, valid while the table lives
 };
 
-/// The host's mounts, read once from /proc/self/mountinfo (proc(5)); none when it
-/// can't be read. Throws std::bad_alloc.
+/// The host's mounts, read once from /proc/self/mountinfo (proc(5)). Throws
+/// std::bad_alloc.
 class mount_table {
  public:
   mount_table();
   mount_table(const mount_table&) = delete;
   mount_table& operator=(const mount_table&) = delete;
 
+  /// Whether it could be read; if not, there are no mounts and errno tells why.
+  bool isRead() const { return wasRead; }
   /// The next mount in the host's order; false when there is none.
   bool next(mount_entry& mount);
   /// The mount with this id (statx(2)).
   std::optional<mount_entry> find(std::uint64_t id) const;
 
  private:
-  const std::string text;
+  std::string text;
+  const bool wasRead;
   std::string_view rest;
 };
 
@@ -37,7 +40,7 @@ struct mounted_volume {
   std::string mountPoint;
 };
 
-/// The volume that holds `path`; none when the path can't be reached. Throws
+/// The volume that holds `path`; none when that can't be told, with errno. Throws
 /// std::bad_alloc.
 std::optional<mounted_volume> findVolumeOf(const char* path);
 
@@ -46,5 +49,5 @@ std::optional<mounted_volume> findVolumeOf(const char* path);
 std::string volumeIdOf(dev_t device);
 std::optional<dev_t> deviceOfVolumeId(std::string_view id);
 
-/// The whole of a small file of /proc; empty when it can't be read.
-std::string readProcFile(const char* path);
+/// Reads the whole of a file of /proc. False, with errno, when that fails.
+bool readProcFile(const char* path, std::string& content);

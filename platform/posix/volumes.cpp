@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cwchar>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "platform/posix/host_path.h"
+#include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
 #include "platform/posix/utf16.h"
 
@@ -63,7 +65,7 @@ auto guarded(Call call) -> decltype(call()) {
 
 std::optional<mounted_volume> mountOf(LPCWSTR path) {
   std::optional<mounted_volume> mount = findVolumeOf(host_path(path).bytes);
-  if (!mount) SetLastError(ERROR_FILE_NOT_FOUND);
+  if (!mount) SetLastError(windowsErrorFor(errno));
   return mount;
 }
 
@@ -88,6 +90,10 @@ HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
   const HANDLE volumes = guarded([&]() -> HANDLE {
     auto search = std::make_unique<volume_search>();
     mount_table table;
+    if (!table.isRead()) {
+      SetLastError(windowsErrorFor(errno));
+      return nullptr;
+    }
     for (mount_entry mount; table.next(mount);) {
       const auto& known = search->devices;
       if (std::find(known.begin(), known.end(), mount.device) == known.end()) {

@@ -18,7 +18,7 @@ std::string instanceRecord(const std::wstring& device, bool isLegacy, std::size_
   if (isLegacy) {
     header.Flags = 2;
     auto& legacy = header.Type.LegacyFilter;
-    legacy.Flags = 1;
+    legacy.Flags = 3;
     place(L"40500", legacy.AltitudeLength, legacy.AltitudeBufferOffset);
     place(device, legacy.VolumeNameLength, legacy.VolumeNameBufferOffset);
     place(L"old", legacy.FilterNameLength, legacy.FilterNameBufferOffset);
