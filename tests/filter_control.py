@@ -5,6 +5,7 @@ says what a test wants. As root also a small file system and another user."""
 
 import contextlib, ctypes, os, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
 import unittest
+from pathlib import Path
 
 TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -18,8 +19,7 @@ def volume_of(path):
     return "Volume{00000000-0000-0000-0000-%012x}" % os.stat(path).st_dev
 
 
-def port_of(path):
-    return "\\zan_restore_filter-" + volume_of(path)
+PORT = "\\zan_restore_filter-" + volume_of(tempfile.gettempdir())
 
 
 def tool(*words):
@@ -36,16 +36,6 @@ def result_of(output):
 def send(word, path, *count):
     status, output = tool(word, *count, path)
     return 0 if status == 0 else result_of(output)
-
-
-def write(path, content):
-    with open(path, "wb") as file:
-        file.write(content)
-
-
-def read(path):
-    with open(path, "rb") as file:
-        return file.read()
 
 
 def eventually(condition, seconds=20):
@@ -71,7 +61,7 @@ class connection:
     def __init__(self, context=CONTEXT):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.socket.settimeout(20)
-        self.socket.connect("\0" + port_of("."))
+        self.socket.connect("\0" + PORT)
         self.result = self.exchange(context)
 
     def exchange(self, packet):
@@ -83,34 +73,29 @@ class connection:
         return self.exchange(struct.pack("<IQIIiI", 16, handle, operation, kind, reads, 0))
 
 
-class peer:
-    """A port that answers a connection and a message with these packets; None
-    closes the connection instead."""
+@contextlib.contextmanager
+def peer(*answers):
+    """A port that answers a connection and a message with these packets; None closes the
+    connection instead. Gives the packets that it got."""
+    packets = []
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
+        listener.bind("\0" + PORT)
+        listener.listen()
 
-    def __init__(self, *answers):
-        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.listener.bind("\0" + port_of("."))
-        self.listener.listen()
-        self.answers, self.packets = answers, []
-        self.thread = threading.Thread(target=self.serve)
-        self.thread.start()
+        def serve():
+            client, _ = listener.accept()
+            with client:
+                for answer in answers:
+                    packets.append(client.recv(100))
+                    if answer is None:
+                        return
+                    client.send(answer)
+                client.recv(1)
 
-    def serve(self):
-        client, _ = self.listener.accept()
-        with client:
-            for answer in self.answers:
-                self.packets.append(client.recv(100))
-                if answer is None:
-                    return
-                client.send(answer)
-            client.recv(1)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *failure):
-        self.thread.join(20)
-        self.listener.close()
+        thread = threading.Thread(target=serve)
+        thread.start()
+        yield packets
+        thread.join(20)
 
 
 @contextlib.contextmanager
@@ -136,7 +121,7 @@ class story(unittest.TestCase):
         os.chdir(self.folder)
         os.makedirs("back/sub")
         self.content = os.urandom(3 * 1024 * 1024 + 5)
-        write("back/data", self.content)
+        Path("back/data").write_bytes(self.content)
         os.truncate(os.open("back/huge", os.O_CREAT | os.O_WRONLY), 8 << 30)
 
     def start_filter(self, *prefix):
@@ -144,7 +129,7 @@ class story(unittest.TestCase):
             [*prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back", "."],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
-        return self.filter.stdout.readline() == ".: %s\n" % port_of(".")
+        return self.filter.stdout.readline() == ".: %s\n" % PORT
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
@@ -170,9 +155,9 @@ class WithRestoreFilter(story):
         self.assertEqual(self.filter.wait(20), 0)
 
     def test_restores_from_every_form_of_backing_path(self):
-        write("back/none", b"")
-        write("back/chunk", self.content[: 1 << 20])
-        write("back/sub/\xe9\u4e2d", self.content)
+        Path("back/none").write_bytes(b"")
+        Path("back/chunk").write_bytes(self.content[: 1 << 20])
+        Path("back/sub/\xe9\u4e2d").write_bytes(self.content)
         opened = self.files_of_filter()
         table = (("C:\\data", "1"), ("c:\\sub\\\xe9\u4e2d", "4"), (r"\\SRV\Share\data", "64"),
                  (self.folder + "/back/data", "1000"), ("c:\\none", "3"), ("c:\\chunk", "2"))
@@ -187,12 +172,12 @@ class WithRestoreFilter(story):
                 status, output = tool("--startAggressiveRestore", reads, name)
                 self.assertEqual((status, output.count("\n")), (0, 3))
                 eventually(lambda: progress(name) == (size, size))
-                self.assertEqual(read(name), read(source))
+                self.assertEqual(Path(name).read_bytes(), Path(source).read_bytes())
                 self.assertEqual(send("--stopAggressiveRestore", name), 0)
         eventually(lambda: self.files_of_filter() <= opened)
 
     def test_example_restores_many(self):
-        write("taken", b"mine")
+        Path("taken").write_bytes(b"mine")
         files = {"one": "c:\\data", "two \xe9": r"\\srv\share\data", "taken": "c:\\data", "bad": "c:\\x"}
         listed = "\n".join("%s\t%s" % pair for pair in files.items())  # no line end at the end
         done = subprocess.run([os.path.join(SOURCE, "examples/restore-many.sh"), "4"], text=True,
@@ -202,14 +187,15 @@ class WithRestoreFilter(story):
                          (1, {"one: whole", "two \xe9: whole"}))
         self.assertIn("taken: not set up: create local file failed: 50", done.stderr)
         self.assertIn("bad: not started: ", done.stderr)
-        self.assertEqual(read("one") + read("two \xe9") + read("taken"), 2 * self.content + b"mine")
+        for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
+            self.assertEqual(Path(name).read_bytes(), content)
 
     def test_refuses_and_leaves_untouched(self):
         os.symlink("/etc/passwd", "back/out")
         os.mkfifo("back/pipe")
         self.assertEqual(send("--ping", "back/pipe"), BAD_HANDLE)
         self.set_up_file("good", "c:\\data")
-        tag = read("good:restore_filter_tag")
+        tag = Path("good:restore_filter_tag").read_bytes()
         table = (
             (None, NOT_TAGGED), (b"", NOT_WHOLE), (tag[:-1], NOT_WHOLE), (tag + b"x", NOT_WHOLE),
             (b"\x54" + tag[1:], NOT_WHOLE), (tag[:8] + b"\0" + tag[9:], NOT_WHOLE),
@@ -224,14 +210,14 @@ class WithRestoreFilter(story):
                 if isinstance(given, str):
                     self.set_up_file(name, given)
                 else:
-                    write(name, b"")
+                    Path(name).write_bytes(b"")
                     if given is not None:
-                        write(name + ":restore_filter_tag", given)
+                        Path(name + ":restore_filter_tag").write_bytes(given)
                 for words in (("--startAggressiveRestore", name, "2"), ("--progress", name)):
                     self.assertEqual(send(*words), expected)
                 self.assertEqual(os.path.getsize(name), 0)
         for make in (lambda name: os.symlink("good:restore_filter_tag", name), os.mkfifo):
-            write("linked", b"")
+            Path("linked").write_bytes(b"")
             make("linked:restore_filter_tag")
             self.assertNotIn(send("--progress", "linked"), (0, None))
             os.unlink("linked:restore_filter_tag")
@@ -315,12 +301,12 @@ class WithRestoreFilter(story):
         small.stdout.readline()
         self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
         eventually(lambda: send("--progress", "sm all/local") == FULL)
-        kept = read("sm all/local")
+        kept = Path("sm all/local").read_bytes()
         self.assertEqual(kept, self.content[: len(kept)])
         subprocess.run(["mount", "-o", "remount,size=9m", "sm all"], check=True)
         self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
         eventually(lambda: progress("sm all/local") == (len(self.content),) * 2)
-        self.assertEqual(read("sm all/local"), self.content)
+        self.assertEqual(Path("sm all/local").read_bytes(), self.content)
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_serves_no_other_user(self):
@@ -331,7 +317,7 @@ class WithRestoreFilter(story):
                                   stdout=subprocess.PIPE)
         self.assertEqual((done.returncode, result_of(done.stdout)), (1, BAD_HANDLE))
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
-                                 "error = 0x80070005\n" % port_of(".")])
+                                 "error = 0x80070005\n" % PORT])
 
 
 class WithPeer(story):
@@ -348,11 +334,11 @@ class WithPeer(story):
             with self.subTest(answers=answers):
                 with peer(*answers):
                     self.assertEqual(progress("back/data"), values)
-                with peer(*answers) as port:
+                with peer(*answers) as packets:
                     self.assertEqual(send("--startAggressiveRestore", "back/data", "-3"), result)
-                self.assertEqual(port.packets[0], CONTEXT)
-                if len(port.packets) > 1:
-                    self.assertEqual(port.packets[1][:4] + port.packets[1][12:],
+                self.assertEqual(packets[0], CONTEXT)
+                if len(packets) > 1:
+                    self.assertEqual(packets[1][:4] + packets[1][12:],
                                      struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
     def test_traces_when_no_filter_is_loaded(self):
@@ -371,7 +357,7 @@ class WithFailingCalls(story):
              "clone3": 2, "mmap": 4, "getsockopt": 2}
 
     def test_lives_on(self):
-        if b"libasan" in read(FILTER):
+        if b"libasan" in Path(FILTER).read_bytes():
             self.skipTest("the sanitizer's own calls would fail")
         if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
             self.skipTest("strace can't trace here")
@@ -392,7 +378,7 @@ class WithFailingCalls(story):
             for _ in range(30):  # a fault comes once in each thread, and every start has new ones
                 send("--startAggressiveRestore", "local", "2")
                 now = progress("local")
-                self.assertTrue(self.content.startswith(read("local")))
+                self.assertTrue(self.content.startswith(Path("local").read_bytes()))
                 if now == (len(self.content),) * 2:
                     break
             self.assertTrue(now is None or now[0] == os.path.getsize("local"), now)
