@@ -18,6 +18,8 @@ namespace {
 
 // A thread and a buffer each; more reads than this are served as this many.
 constexpr int mostReads = 64;
+// Failures kept for those who ask; past this many one is forgotten for another.
+constexpr std::size_t mostFailures = 1000;
 
 std::string pathOf(const descriptor& file) { return "/proc/self/fd/" + std::to_string(file.get()); }
 
@@ -53,22 +55,22 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation_Ping) return S_OK;
 
-  std::string backingPath;
-  result = readTagOf(file.get(), backingPath);
-  if (result != S_OK) return result;
   file_key key;
   result = keyOf(file.get(), key);
   if (result != S_OK) return result;
   forgetEnded();
+  const bool isStop = request.operation == ControlOperation_StopAggressiveRestore;
+  if (isStop && restorations.erase(key) > 0) return S_OK;  // whatever became of its tag
+
+  std::string backingPath;
+  result = readTagOf(file.get(), backingPath);
+  if (result != S_OK) return result;
 
   switch (request.operation) {
     case ControlOperation_StartAggressiveRestore:
       result = openRegularFile(path, O_WRONLY, file);
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
-    case ControlOperation_StopAggressiveRestore:
-      restorations.erase(key);
-      failures.erase(key);
-      return S_OK;
+    case ControlOperation_StopAggressiveRestore: failures.erase(key); return S_OK;
     default:
       result = queryProgress(key, file.get(), backingPath, reply);
       if (result == S_OK) replySize = sizeof(reply);
@@ -131,6 +133,7 @@ void message_handler::forgetEnded() noexcept {
     }
     const HRESULT failure = each->second->failure();
     try {
+      if (failures.size() >= mostFailures) failures.erase(failures.begin());
       if (failure != S_OK) failures[each->first] = failure;
     } catch (const std::bad_alloc&) {
       return;  // another time

@@ -1,5 +1,6 @@
 #include "restore_filter/port_server.h"
 
+#include <sys/resource.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -13,8 +14,14 @@
 
 namespace {
 
-// Past this many a connection is dropped: the tool's live for one message.
-constexpr std::size_t mostConnections = 200;
+// Past this many a connection is dropped: the tool's live for one message. Half of
+// the descriptors are left for files.
+std::size_t mostConnections() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  return std::min<std::size_t>(200, descriptors.rlim_cur / 2);
+}
+
 constexpr int idleMilliseconds = 1000;
 constexpr std::size_t replySizeField = sizeof(std::uint32_t);
 
@@ -50,6 +57,8 @@ void port_server::serve(int stop) {
     for (const port& each : ports) waiting.push_back(readable(each.listener.get()));
     for (const connection& each : connections) waiting.push_back(readable(each.socket.get()));
     if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0) {
+      waiting.resize(1);
+      if (poll(waiting.data(), 1, 0) > 0) return;
       rest();
       continue;
     }
@@ -65,30 +74,26 @@ void port_server::serve(int stop) {
   }
 }
 
-// The oldest connection of another user, else the oldest that has said nothing yet,
-// else the oldest.
-std::vector<port_server::connection>::iterator port_server::leastWanted() {
-  auto found = std::find_if(connections.begin(), connections.end(),
-                            [](const connection& each) { return !each.isTrusted; });
-  if (found == connections.end()) {
-    found = std::find_if(connections.begin(), connections.end(),
-                         [](const connection& each) { return !each.isOpen; });
-  }
-  return found == connections.end() ? connections.begin() : found;
+// Drops the oldest connection of another user, else the oldest.
+void port_server::dropConnection() {
+  if (connections.empty()) return rest();
+  const auto stranger = std::find_if(connections.begin(), connections.end(),
+                                     [](const connection& each) { return !each.isTrusted; });
+  connections.erase(stranger == connections.end() ? connections.begin() : stranger);
 }
 
 void port_server::accept(const port& from) {
-  if (connections.size() >= mostConnections) connections.erase(leastWanted());
   descriptor socket(accept4(from.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   ucred peer{};
   socklen_t size = sizeof(peer);
   if (!socket.isOpen()) {
-    if (errno == EMFILE || errno == ENFILE) rest();
+    if (errno == EMFILE || errno == ENFILE) dropConnection();
     return;
   }
   if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
   const bool isTrusted = peer.uid == 0 || peer.uid == geteuid();
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
+  if (connections.size() > mostConnections()) dropConnection();
 }
 
 // Takes one packet and answers it. False when the connection is over.

@@ -38,7 +38,7 @@ class port_server {
     bool isOpen;  // the context has been accepted
   };
 
-  std::vector<connection>::iterator leastWanted();
+  void dropConnection();
   void accept(const port& from);
   bool receive(connection& from);
   HRESULT answer(connection& from, const void* packet, std::size_t size, ProgressInfo& reply,

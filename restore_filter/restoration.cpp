@@ -46,12 +46,14 @@ restoration::restoration(descriptor localFile, descriptor backingFile, int reads
       nextWrite(nextRead),
       running(reads) {
   threads.reserve(static_cast<std::size_t>(reads));
+  std::unique_lock gate(mutex);  // nobody reads before all are there
   try {
     while (threads.size() < static_cast<std::size_t>(reads)) {
       threads.emplace_back([this] { restoreChunks(); });
     }
   } catch (...) {
-    finish(E_OUTOFMEMORY);
+    isEnding = true;
+    gate.unlock();
     for (std::thread& thread : threads) thread.join();
     throw;
   }
@@ -85,14 +87,14 @@ void restoration::restoreChunks() {
         break;
       }
       auto count = static_cast<std::size_t>(size);
-      const bool isWhole = readOn(chunk, count, offset);
+      const HRESULT endResult = readOn(chunk, count, offset);
       const HRESULT writeResult = writeChunk(chunk, count, offset);
       if (writeResult != S_OK) {
         finish(writeResult);
         break;
       }
       if (count < chunkSize) {
-        finish(isWhole ? S_OK : HRESULT_FROM_WIN32(ERROR_FILE_INVALID));
+        finish(endResult);
         break;
       }
       const std::lock_guard lock(mutex);
@@ -121,17 +123,22 @@ bool restoration::awaitTurn(std::uint64_t offset) {
 }
 
 // Reads the rest of a chunk of `size` bytes at `offset` where the backing file has
-// grown since. Whether it ends with the chunk or goes on after it; it does not when
-// it has shrunk.
-bool restoration::readOn(std::vector<char>& chunk, std::size_t& size, std::uint64_t offset) const {
+// grown since. S_OK when the file ends with the chunk or goes on after it;
+// ERROR_FILE_INVALID when it has shrunk.
+HRESULT restoration::readOn(std::vector<char>& chunk, std::size_t& size,
+                            std::uint64_t offset) const {
   while (size < chunkSize) {
-    const std::uint64_t end = sizeOf(backing.get());
-    if (end <= offset + size) return end == offset + size;
+    struct stat status {};
+    if (fstat(backing.get(), &status) != 0) return hostFailure();
+    const auto end = static_cast<std::uint64_t>(status.st_size);
+    if (end == offset + size) return S_OK;
+    if (end < offset + size) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
     const ssize_t longer = readChunk(backing.get(), chunk, offset);
-    if (longer <= static_cast<ssize_t>(size)) return false;
+    if (longer < 0) return hostFailure();
+    if (longer <= static_cast<ssize_t>(size)) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
     size = static_cast<std::size_t>(longer);
   }
-  return true;
+  return S_OK;
 }
 
 HRESULT restoration::writeChunk(const std::vector<char>& chunk, std::size_t size,

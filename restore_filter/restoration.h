@@ -30,7 +30,7 @@ class restoration {
   void restoreChunks();
   bool takeChunk(std::uint64_t& offset);
   bool awaitTurn(std::uint64_t offset);
-  bool readOn(std::vector<char>& chunk, std::size_t& size, std::uint64_t offset) const;
+  HRESULT readOn(std::vector<char>& chunk, std::size_t& size, std::uint64_t offset) const;
   HRESULT writeChunk(const std::vector<char>& chunk, std::size_t size, std::uint64_t offset) const;
   void finish(HRESULT reason);
 

@@ -3,7 +3,7 @@
 restore_filter (argv[2]), and against a peer that speaks the ports' framing and
 says what a test wants. As root also a small file system and another user."""
 
-import contextlib, ctypes, os, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
+import contextlib, ctypes, fcntl, os, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
 import unittest
 from pathlib import Path
 
@@ -11,8 +11,8 @@ TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 IS_ROOT = os.geteuid() == 0
 CONTEXT = bytes(40)
-NOT_FOUND, NO_PATH, DENIED, BAD_HANDLE, NOT_WHOLE, INVALID, FULL, BUSY, TOO_SHORT, NOT_TAGGED = (
-    0x80070000 | code for code in (2, 3, 5, 6, 13, 87, 112, 170, 1006, 1168))
+NOT_FOUND, NO_PATH, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, NOT_TAGGED = (
+    0x80070000 | code for code in (2, 3, 5, 6, 13, 32, 87, 112, 170, 1006, 1168))
 
 
 def volume_of(path):
@@ -126,7 +126,7 @@ class story(unittest.TestCase):
 
     def start_filter(self, *prefix):
         self.filter = subprocess.Popen(
-            [*prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back", "."],
+            ["prlimit", "--nofile=100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back", "."],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
         return self.filter.stdout.readline() == ".: %s\n" % PORT
@@ -194,6 +194,10 @@ class WithRestoreFilter(story):
         os.symlink("/etc/passwd", "back/out")
         os.mkfifo("back/pipe")
         self.assertEqual(send("--ping", "back/pipe"), BAD_HANDLE)
+        shutil.copy("back/data", "back/leased")
+        leased = os.open("back/leased", os.O_RDWR)
+        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+        signal.signal(signal.SIGIO, signal.SIG_IGN)
         self.set_up_file("good", "c:\\data")
         tag = Path("good:restore_filter_tag").read_bytes()
         table = (
@@ -203,7 +207,7 @@ class WithRestoreFilter(story):
             (tag[:26] + b"\0\0" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x18\x00" + tag[28:], NOT_WHOLE),
             ("c:\\nothing", NOT_FOUND), ("d:\\data", NO_PATH), ("c:\\..\\back\\data", DENIED),
             ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED), ("c:\\", NOT_FOUND),
-            ("c:\\pipe", BAD_HANDLE), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH))
+            ("c:\\pipe", BAD_HANDLE), ("c:\\leased", LEASED), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH))
         for index, (given, expected) in enumerate(table):
             with self.subTest(tag=given and given[:40]):
                 name = "bad%d" % index
@@ -237,6 +241,10 @@ class WithRestoreFilter(story):
                               (client.socket.fileno(), BAD_HANDLE), (999, BAD_HANDLE),
                               (1 << 40, BAD_HANDLE), (os.open("/proc/self/stat", 0), INVALID)):
             self.assertIn(client.send(bad, 0), (expected, BAD_HANDLE))
+        self.set_up_file("gone (deleted)", "c:\\data")
+        with open("gone", "wb") as gone:
+            os.unlink("gone")
+            self.assertEqual(client.send(gone.fileno(), 1, 1, 4), NOT_TAGGED)
         for size in (1, 3, 4, 27, 29, 64, 65, 5000):
             self.assertEqual(client.exchange(b"\xff" * size), INVALID)
         for context in (b"x", bytes(39), bytes(41), bytes(4096)):

@@ -97,6 +97,10 @@ else
     that 'descriptors used up' [ "$(cat out)" = 'create local file failed: 4' ]
   fi
 
+  check 1 'create local file failed: 7b' 'typed:$DATA' 'c:\x'
+  check 1 'create tag stream failed: 7b' 'typed:s:$DATA' 'c:\x'
+  that 'no file of a stream that has none itself' absent typed:s
+
   ln -s nowhere link
   check 1 'create local file failed: 50' link 'c:\x'
 fi

@@ -31,17 +31,18 @@ int descriptorOf(HANDLE handle) {
   return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
 }
 
-// Drops the type from a stream's name, FILE:STREAM:$DATA. False when `path` has a
-// type but no stream, or a type in its middle: no file or stream is named so.
+// Drops the type from a stream's name, FILE:STREAM:$DATA. False when the name has a
+// type but no stream, or a stream of a stream: no file is named so.
 bool dropStreamType(host_path& path) {
   std::string_view name(path.bytes, path.size);
+  name.remove_prefix(name.rfind('/') + 1);
   if (name.ends_with(defaultStreamType)) {
     name.remove_suffix(defaultStreamType.size());
-    if (name.find(':', name.rfind('/') + 1) == name.npos) return false;
-    path.size = name.size();
+    path.size -= defaultStreamType.size();
     path.bytes[path.size] = '\0';
+    if (name.find(':') == name.npos) return false;
   }
-  return name.find(defaultStreamType) == name.npos;
+  return name.find(":$DATA:") == name.npos;
 }
 
 bool folderExists(host_path& path) {
