@@ -3,8 +3,8 @@
 restore_filter (argv[2]), and against a peer that speaks the ports' framing and
 says what a test wants. As root also a small file system and another user."""
 
-import contextlib, ctypes, fcntl, os, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
-import unittest
+import contextlib, ctypes, fcntl, os, shutil, signal, socket, struct, subprocess, sys, tempfile
+import threading, time, unittest
 from pathlib import Path
 
 TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
@@ -22,20 +22,16 @@ def volume_of(path):
 PORT = "\\zan_restore_filter-" + volume_of(tempfile.gettempdir())
 
 
-def tool(*words):
-    done = subprocess.run([TOOL, *words], stdout=subprocess.PIPE, timeout=60, text=True)
+def tool(*words, program=TOOL, **options):
+    done = subprocess.run([program, *words], stdout=subprocess.PIPE, timeout=60, text=True, **options)
     return done.returncode, done.stdout
 
 
-def result_of(output):
-    """The HRESULT in the diagnosis of a failed send; None when nothing was sent."""
+def send(word, path, *count, **options):
+    """0, or the HRESULT in the diagnosis of a failed send; None when nothing was sent."""
+    status, output = tool(word, *count, path, **options)
     line = next((line for line in output.splitlines() if "FilterSendMessage" in line), None)
-    return line and int(line.split("[")[0], 16)
-
-
-def send(word, path, *count):
-    status, output = tool(word, *count, path)
-    return 0 if status == 0 else result_of(output)
+    return 0 if status == 0 else line and int(line.split("[")[0], 16)
 
 
 def eventually(condition, seconds=20):
@@ -124,12 +120,15 @@ class story(unittest.TestCase):
         Path("back/data").write_bytes(self.content)
         os.truncate(os.open("back/huge", os.O_CREAT | os.O_WRONLY), 8 << 30)
 
-    def start_filter(self, *prefix):
+    def start_filter(self, *prefix, folder="."):
+        """A filter with few descriptors; whether it has attached to the folder's volume."""
         self.filter = subprocess.Popen(
-            ["prlimit", "--nofile=100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back", "."],
+            ["prlimit", "--nofile=100", *prefix, FILTER, "--drive", "C=back",
+             "--share", r"\\srv\share=back", folder],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
-        return self.filter.stdout.readline() == ".: %s\n" % PORT
+        port = "\\zan_restore_filter-" + volume_of(folder)
+        return self.filter.stdout.readline() == "%s: %s\n" % (folder, port)
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
@@ -200,14 +199,15 @@ class WithRestoreFilter(story):
         signal.signal(signal.SIGIO, signal.SIG_IGN)
         self.set_up_file("good", "c:\\data")
         tag = Path("good:restore_filter_tag").read_bytes()
-        table = (
-            (None, NOT_TAGGED), (b"", NOT_WHOLE), (tag[:-1], NOT_WHOLE), (tag + b"x", NOT_WHOLE),
-            (b"\x54" + tag[1:], NOT_WHOLE), (tag[:8] + b"\0" + tag[9:], NOT_WHOLE),
-            (tag[:24] + b"\x09\0" + tag[26:], NOT_WHOLE), (tag[:26] + b"\xd2\x3f" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x03" + tag[27:], NOT_WHOLE),
-            (tag[:26] + b"\0\0" + tag[28:], NOT_WHOLE), (tag[:26] + b"\x18\x00" + tag[28:], NOT_WHOLE),
-            ("c:\\nothing", NOT_FOUND), ("d:\\data", NO_PATH), ("c:\\..\\back\\data", DENIED),
-            ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED), ("c:\\", NOT_FOUND),
-            ("c:\\pipe", BAD_HANDLE), ("c:\\leased", LEASED), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH))
+        broken = [b"", tag[:-1], tag + b"x"]
+        for at, new in ((0, b"\x54"), (8, b"\0"), (24, b"\x09"), (26, b"\xd2\x3f"), (26, b"\x03"),
+                        (26, b"\0\0"), (26, b"\x18\0")):
+            broken.append(tag[:at] + new + tag[at + len(new):])
+        table = [(None, NOT_TAGGED), *((tag, NOT_WHOLE) for tag in broken),
+                 ("c:\\nothing", NOT_FOUND), ("c:\\", NOT_FOUND), ("d:\\data", NO_PATH),
+                 (r"\\srv\other\data", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
+                 ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED),
+                 ("c:\\pipe", BAD_HANDLE), ("c:\\leased", LEASED)]
         for index, (given, expected) in enumerate(table):
             with self.subTest(tag=given and given[:40]):
                 name = "bad%d" % index
@@ -240,7 +240,7 @@ class WithRestoreFilter(story):
         for bad, expected in ((os.open("back", os.O_RDONLY), DENIED), (pipe, BAD_HANDLE),
                               (client.socket.fileno(), BAD_HANDLE), (999, BAD_HANDLE),
                               (1 << 40, BAD_HANDLE), (os.open("/proc/self/stat", 0), INVALID)):
-            self.assertIn(client.send(bad, 0), (expected, BAD_HANDLE))
+            self.assertEqual(client.send(bad, 0), expected)
         self.set_up_file("gone (deleted)", "c:\\data")
         with open("gone", "wb") as gone:
             os.unlink("gone")
@@ -294,36 +294,30 @@ class WithRestoreFilter(story):
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_full_disk_and_other_volume(self):
+        local = "sm all/local"
         os.mkdir("sm all")
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "sm all"], check=True)
         self.addCleanup(subprocess.run, ["umount", "sm all"])
-        self.set_up_file("sm all/local", "c:\\data")
-        self.assertEqual(tool("--ping", "sm all/local"),
+        self.set_up_file(local, "c:\\data")
+        self.assertEqual(tool("--ping", local),
                          (1, "volume is: %s\nchecking instance for volume: %s - "
-                             "\\Device\\HarddiskVolume%d\nno filter instance found for sm all/local\n"
-                          % (volume_of("sm all"), volume_of("."), os.stat(".").st_dev)))
-        small = subprocess.Popen([FILTER, "--drive", "c=back", "sm all"], stdout=subprocess.PIPE)
-        self.addCleanup(small.stdout.close)
-        self.addCleanup(small.wait)
-        self.addCleanup(small.kill)
-        small.stdout.readline()
-        self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
-        eventually(lambda: send("--progress", "sm all/local") == FULL)
-        kept = Path("sm all/local").read_bytes()
-        self.assertEqual(kept, self.content[: len(kept)])
+                             "\\Device\\HarddiskVolume%d\nno filter instance found for %s\n"
+                          % (volume_of("sm all"), volume_of("."), os.stat(".").st_dev, local)))
+        self.assertTrue(self.start_filter(folder="sm all"))
+        self.assertEqual(send("--startAggressiveRestore", local, "2"), 0)
+        eventually(lambda: send("--progress", local) == FULL)
+        self.assertTrue(self.content.startswith(Path(local).read_bytes()))
         subprocess.run(["mount", "-o", "remount,size=9m", "sm all"], check=True)
-        self.assertEqual(send("--startAggressiveRestore", "sm all/local", "2"), 0)
-        eventually(lambda: progress("sm all/local") == (len(self.content),) * 2)
-        self.assertEqual(Path("sm all/local").read_bytes(), self.content)
+        self.assertEqual(send("--startAggressiveRestore", local, "2"), 0)
+        eventually(lambda: progress(local) == (len(self.content),) * 2)
+        self.assertEqual(Path(local).read_bytes(), self.content)
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_serves_no_other_user(self):
         os.chmod(self.folder, 0o755)  # and nobody may not come to where the tool is
         shutil.copy(TOOL, "tool")
         with monitor() as lines:
-            done = subprocess.run(["./tool", "--ping", "back/data"], user=65534, text=True,
-                                  stdout=subprocess.PIPE)
-        self.assertEqual((done.returncode, result_of(done.stdout)), (1, BAD_HANDLE))
+            self.assertEqual(send("--ping", "back/data", program="./tool", user=65534), BAD_HANDLE)
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
                                  "error = 0x80070005\n" % PORT])
 

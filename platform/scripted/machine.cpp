@@ -60,6 +60,13 @@ outcome run(const std::vector<std::wstring>& arguments, int failingAllocation) {
   return {status, captured.text};
 }
 
+outcome run(const std::wstring& arguments, int failingAllocation) {
+  std::vector<std::wstring> words;
+  std::wistringstream rest(arguments + L'|');
+  for (std::wstring word; std::getline(rest, word, L'|');) words.push_back(word);
+  return run(words, failingAllocation);
+}
+
 namespace {
 
 std::string hexadecimal(std::uint64_t value) {

@@ -52,9 +52,10 @@ struct outcome {
   std::string output;  // wide and narrow lines in their order, "\n" line ends
 };
 
-/// Runs the program's entry with these arguments after its name. The allocation
-/// of this index (from 1) fails; 0: none does.
+/// Runs the program's entry with these arguments after its name, joined by "|" in the
+/// second form. The allocation of this index (from 1) fails; 0: none does.
 outcome run(const std::vector<std::wstring>& arguments, int failingAllocation = 0);
+outcome run(const std::wstring& arguments, int failingAllocation = 0);
 
 std::string utf8(const std::wstring& text);
 
