@@ -261,10 +261,11 @@ TEST(Instances, TextOutsideTheBufferIsEmpty) {
   std::memcpy(&changed, record.data(), sizeof(changed));
   changed.Flags = 3;  // 2 alone means a legacy filter
   auto& mini = changed.Type.MiniFilter;
-  mini.InstanceNameBufferOffset = 0xFFFF;
   mini.AltitudeLength = 0xFFFE;
   mini.FilterNameBufferOffset = 510;
-  mini.FilterNameLength = 2;  // the last that lies within
+  mini.FilterNameLength = 2;  // the last that lies within the buffer
+  mini.InstanceNameBufferOffset = 511;
+  mini.InstanceNameLength = 2;
   std::memcpy(record.data(), &changed, sizeof(changed));
   now = attachedMachine();
   now.instances = {record, instanceRecord(L"\\Device\\V3")};

@@ -344,7 +344,8 @@ class WithPeer(story):
                                      struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
     def test_traces_when_no_filter_is_loaded(self):
-        with monitor() as lines:
+        with monitor() as lines, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as idle:
+            idle.bind("\0" + PORT)  # and does not listen
             self.assertEqual(tool("--progress", "back/data"),
                              (1, "no filter instance found for back/data\nqueryProgress failed\n"))
         self.assertEqual(lines, ["FilterInstanceFindFirst failed: status = 0x801f0013\n"])
