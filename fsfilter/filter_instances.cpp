@@ -6,11 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
+#include "fsfilter/enough_memory.h"
 
 namespace zan::fsfilter {
 namespace {
@@ -63,30 +63,15 @@ FilterInstanceInfo readRecord(const record_buffer& buffer) {
   return info;
 }
 
-bool resize(record_buffer& buffer, std::size_t size) noexcept {
-  try {
-    buffer = record_buffer(size);
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
-bool append(std::list<FilterInstanceInfo>& instances, const record_buffer& buffer) noexcept {
-  try {
-    instances.push_back(readRecord(buffer));
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
 }  // namespace
 
 std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName) noexcept {
   std::list<FilterInstanceInfo> instances;
   record_buffer buffer;
   HANDLE search = INVALID_HANDLE_VALUE;
+  const auto resize = [&](std::size_t size) noexcept {
+    return hasMemoryFor([&] { buffer = record_buffer(size); });
+  };
   const auto find = [&]() noexcept {
     DWORD unused = 0;
     const auto size = static_cast<DWORD>(buffer.size());
@@ -97,13 +82,13 @@ std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName
                                         size, &unused);
   };
 
-  HRESULT result = resize(buffer, smallestRecordBuffer) ? find() : E_OUTOFMEMORY;
+  HRESULT result = resize(smallestRecordBuffer) ? find() : E_OUTOFMEMORY;
   for (;;) {
     const int code = HRESULT_CODE(result);
     if (code == ERROR_NO_MORE_ITEMS) break;
     const bool isTooSmall = code == ERROR_INSUFFICIENT_BUFFER;
     if (isTooSmall && buffer.size() < largestRecordBuffer) {
-      result = resize(buffer, 2 * buffer.size()) ? find() : E_OUTOFMEMORY;
+      result = resize(2 * buffer.size()) ? find() : E_OUTOFMEMORY;
       continue;
     }
     if (result < 0 || isTooSmall) {
@@ -111,7 +96,8 @@ std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName
                 L" failed: status = 0x", std::hex, pattern(result));
       break;
     }
-    result = append(instances, buffer) ? find() : E_OUTOFMEMORY;
+    result =
+        hasMemoryFor([&] { instances.push_back(readRecord(buffer)); }) ? find() : E_OUTOFMEMORY;
   }
 
   const HRESULT closed = FilterInstanceFindClose(search);

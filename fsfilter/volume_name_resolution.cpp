@@ -3,10 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cwchar>
-#include <new>
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
+#include "fsfilter/enough_memory.h"
 #include "fsfilter/filter_instances.h"
 
 namespace zan::fsfilter {
@@ -16,15 +16,6 @@ constexpr std::size_t smallestDeviceBuffer = MAX_PATH;        // UTF-16 code uni
 constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;  // 1 MiB
 
 constexpr std::size_t prefixLength = 4;  // "\\?\" before a volume id
-
-bool resize(std::vector<wchar_t>& buffer, std::size_t units) noexcept {
-  try {
-    buffer = std::vector<wchar_t>(units);
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
 
 void traceQuery(DWORD error, const wchar_t* volume) noexcept {
   traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
@@ -39,7 +30,7 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer ||
-        !resize(devices, larger)) {
+        !hasMemoryFor([&] { devices = std::vector<wchar_t>(larger); })) {
       traceQuery(error, volume);
       return false;
     }
@@ -47,21 +38,12 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
   return deviceName == devices.data();
 }
 
-bool assign(std::wstring& text, const wchar_t* value) noexcept {
-  try {
-    text = value;
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
 }  // namespace
 
 void FilterInstanceInfo::resolveVolumeId() noexcept {
   volumeId.clear();
   std::vector<wchar_t> devices;
-  if (!resize(devices, smallestDeviceBuffer)) {
+  if (!hasMemoryFor([&] { devices.resize(smallestDeviceBuffer); })) {
     traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     return;
   }
@@ -76,7 +58,7 @@ void FilterInstanceInfo::resolveVolumeId() noexcept {
     const std::size_t length = std::wcslen(volume.data());
     if (length > 0) volume[length - 1] = L'\0';  // the trailing backslash
     if (isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-      if (!assign(volumeId, volume.data() + prefixLength)) {
+      if (!hasMemoryFor([&] { volumeId = volume.data() + prefixLength; })) {
         traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
       }
       break;
