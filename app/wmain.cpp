@@ -47,18 +47,18 @@ int runCommand(int argc, wchar_t** argv) {
   if (first == L"--progress") return argc < 3 ? usageError() : printProgress(argv[2]);
   if (first == L"--ping") {
     return argc < 3 ? usageError()
-                    : sendControlRequest(argv[2], {ControlOperation_Ping, RestoreStrategy{}});
+                    : sendControlRequest(argv[2], {ControlOperation::Ping, RestoreStrategy{}});
   }
   if (first == L"--stopAggressiveRestore") {
     return argc < 3 ? usageError()
                     : sendControlRequest(
-                          argv[2], {ControlOperation_StopAggressiveRestore, RestoreStrategy{}});
+                          argv[2], {ControlOperation::StopAggressiveRestore, RestoreStrategy{}});
   }
 
-  RestoreStrategy strategy{RestoreStrategyKind_simple, 0};
+  RestoreStrategy strategy{RestoreStrategyKind::simple, 0};
   if (first == L"--startAggressiveRestore") {
     if (argc != 4 || !parseCount(argv[2], strategy.concurrentReads)) return usageError();
-    return sendControlRequest(argv[3], {ControlOperation_StartAggressiveRestore, strategy});
+    return sendControlRequest(argv[3], {ControlOperation::StartAggressiveRestore, strategy});
   }
   if (argc == 3) return prepareRestore(first, argv[2], RestoreStrategy{});
   // The strategy word, argv[3], is not examined: there is one strategy.

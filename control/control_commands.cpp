@@ -4,12 +4,12 @@
 #include "control/filter_message.h"
 
 int sendControlRequest(std::wstring path, const ControlRequest& request) {
-  if (request.operation > ControlOperation_QueryProgress) {
+  if (request.operation > ControlOperation::QueryProgress) {
     std::wcout << L"Invalid operation" << std::endl;
     return 1;
   }
-  if (request.operation == ControlOperation_StartAggressiveRestore &&
-      request.strategy.kind != RestoreStrategyKind_simple) {
+  if (request.operation == ControlOperation::StartAggressiveRestore &&
+      request.strategy.kind != RestoreStrategyKind::simple) {
     std::wcout << L"Invalid restore strategy" << std::endl;
     return 1;
   }
@@ -19,6 +19,6 @@ int sendControlRequest(std::wstring path, const ControlRequest& request) {
 int queryProgress(std::wstring path, ProgressInfo& progress) {
   // The filter may write less than the whole reply; what it leaves stays 0.
   progress = {};
-  const ControlRequest request{ControlOperation_QueryProgress, {}};
+  const ControlRequest request{ControlOperation::QueryProgress, {}};
   return sendToFilter(path, request, &progress, sizeof(progress), status_lines::silent);
 }

@@ -7,11 +7,11 @@
 
 #include "control/volume_id.h"
 #include "errors/result_exception.h"
-#include "fsfilter/file_handle.h"
 #include "fsfilter/filter_instances.h"
 #include "fsfilter/filter_port.h"
+#include "platform/file_handle.h"
 
-using zan::fsfilter::file_handle;
+using zan::file_handle;
 using zan::fsfilter::filter_port;
 using zan::fsfilter::FilterInstanceInfo;
 using zan::fsfilter::findFilterInstances;

@@ -28,12 +28,17 @@
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
-/* How a file is restored beyond what is read from it. */
-typedef uint32_t RestoreStrategyKind;
-enum {
-  RestoreStrategyKind_none = 0,  /* only as it is read */
-  RestoreStrategyKind_simple = 1 /* with concurrent reads of the backing file */
+/* How a file is restored beyond what is read from it. Codes are 32 bits wide in both
+ * languages; any other value can arrive too. */
+#if defined(__cplusplus)
+enum class RestoreStrategyKind : uint32_t {
+  none = 0,  /* only as it is read */
+  simple = 1 /* with concurrent reads of the backing file */
 };
+#else
+typedef uint32_t RestoreStrategyKind;
+enum { RestoreStrategyKind_none = 0, RestoreStrategyKind_simple = 1 };
+#endif
 
 typedef struct RestoreStrategy {
   RestoreStrategyKind kind;
@@ -63,6 +68,14 @@ typedef struct RestoreTagRecord {
   uint32_t trailer;                      /* 0 */
 } RestoreTagRecord;
 
+#if defined(__cplusplus)
+enum class ControlOperation : uint32_t {
+  Ping = 0,
+  StartAggressiveRestore = 1,
+  StopAggressiveRestore = 2,
+  QueryProgress = 3
+};
+#else
 typedef uint32_t ControlOperation;
 enum {
   ControlOperation_Ping = 0,
@@ -70,6 +83,7 @@ enum {
   ControlOperation_StopAggressiveRestore = 2,
   ControlOperation_QueryProgress = 3
 };
+#endif
 
 typedef struct ControlRequest {
   ControlOperation operation;
@@ -97,6 +111,7 @@ typedef struct ProgressInfo {
 #define RESTORE_FILTER_CHECK(condition) extern char restore_filter_check[(condition) ? 1 : -1]
 #endif
 
+RESTORE_FILTER_CHECK(sizeof(RestoreStrategyKind) == 4);
 RESTORE_FILTER_CHECK(sizeof(RestoreStrategy) == 8);
 RESTORE_FILTER_CHECK(offsetof(RestoreStrategy, concurrentReads) == 4);
 
@@ -114,6 +129,7 @@ RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, strategy) + RESTORE_TAG_PATH_OFF
 RESTORE_FILTER_CHECK(offsetof(RestoreTagRecord, pathOffset) + RESTORE_TAG_DATA_LENGTH ==
                      sizeof(RestoreTagRecord));
 
+RESTORE_FILTER_CHECK(sizeof(ControlOperation) == 4);
 RESTORE_FILTER_CHECK(sizeof(ControlRequest) == 12);
 RESTORE_FILTER_CHECK(offsetof(ControlRequest, strategy) == 4);
 RESTORE_FILTER_CHECK(sizeof(ControlMessage) == 24);

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "app/commands.h"
-#include "fsfilter/file_handle.h"
+#include "platform/file_handle.h"
 #include "restore/nt_path.h"
 #include "restore/tag_record.h"
 
@@ -21,8 +21,8 @@ static_assert(sizeof(tag_buffer) == 16384);
 // stream is whole; says how it went on the console.
 bool writeTagStream(const std::wstring& streamPath, const RestoreTagRecord& record,
                     const std::wstring& ntPath) {
-  zan::fsfilter::file_handle stream(CreateFileW(streamPath.c_str(), GENERIC_ALL, 0, nullptr,
-                                                CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  zan::file_handle stream(CreateFileW(streamPath.c_str(), GENERIC_ALL, 0, nullptr, CREATE_NEW,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!stream.isOpen()) {
     const DWORD error = GetLastError();
     std::wcout << L"create tag stream failed: " << std::hex << error << std::endl;
@@ -55,9 +55,9 @@ int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStr
   tag_buffer buffer;
   if (!buildTagRecord(ntPath, strategy, buffer.record)) return 1;
 
-  zan::fsfilter::file_handle localFile(CreateFileW(file.c_str(), GENERIC_ALL,
-                                                   FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                                   CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  zan::file_handle localFile(CreateFileW(file.c_str(), GENERIC_ALL,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!localFile.isOpen()) {
     const DWORD error = GetLastError();
     std::wcout << L"create local file failed: " << std::hex << error << std::endl;

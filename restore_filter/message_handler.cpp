@@ -43,7 +43,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (size != sizeof(received)) return E_INVALIDARG;
   std::memcpy(&received, message, sizeof(received));
   const ControlRequest& request = received.request;
-  if (request.operation > ControlOperation_QueryProgress) return E_INVALIDARG;
+  if (request.operation > ControlOperation::QueryProgress) return E_INVALIDARG;
 
   descriptor path;
   descriptor file;
@@ -53,13 +53,13 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   const auto volume = findVolumeOf(pathOf(file).c_str());
   if (!volume) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
   if (volume->device != device) return E_INVALIDARG;
-  if (request.operation == ControlOperation_Ping) return S_OK;
+  if (request.operation == ControlOperation::Ping) return S_OK;
 
   file_key key;
   result = keyOf(file.get(), key);
   if (result != S_OK) return result;
   forgetEnded();
-  const bool isStop = request.operation == ControlOperation_StopAggressiveRestore;
+  const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
   if (isStop && restorations.erase(key) > 0) return S_OK;  // whatever became of its tag
 
   std::string backingPath;
@@ -67,10 +67,10 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result != S_OK) return result;
 
   switch (request.operation) {
-    case ControlOperation_StartAggressiveRestore:
+    case ControlOperation::StartAggressiveRestore:
       result = openRegularFile(path, O_WRONLY, file);
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
-    case ControlOperation_StopAggressiveRestore: failures.erase(key); return S_OK;
+    case ControlOperation::StopAggressiveRestore: failures.erase(key); return S_OK;
     default:
       result = queryProgress(key, file.get(), backingPath, reply);
       if (result == S_OK) replySize = sizeof(reply);
@@ -90,7 +90,7 @@ HRESULT message_handler::keyOf(int file, file_key& key) {
 
 HRESULT message_handler::start(file_key key, descriptor file, const std::string& backingPath,
                                const RestoreStrategy& how) {
-  if (how.kind != RestoreStrategyKind_simple || how.concurrentReads < 1) return E_INVALIDARG;
+  if (how.kind != RestoreStrategyKind::simple || how.concurrentReads < 1) return E_INVALIDARG;
   descriptor backing;
   const HRESULT opened = backingFolders.openFile(backingPath, backing);
   if (opened != S_OK) return opened;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 
 namespace {
 
@@ -112,13 +113,9 @@ std::optional<mounted_volume> findVolumeOf(const char* path) {
 }
 
 std::string volumeIdOf(dev_t device) {
-  char id[idPrefix.size() + idDigits + 1];
-  idPrefix.copy(id, idPrefix.size());
-  for (std::size_t i = 0; i < idDigits; ++i) {
-    id[idPrefix.size() + i] = "0123456789abcdef"[device >> 4 * (idDigits - 1 - i) & 0xF];
-  }
-  id[sizeof(id) - 1] = '}';
-  return {id, sizeof(id)};
+  char digits[idDigits + 5];  // a device number has 64 bits
+  std::snprintf(digits, sizeof(digits), "%0*jx", int{idDigits}, std::uintmax_t{device});
+  return std::string(idPrefix) + digits + '}';
 }
 
 std::optional<dev_t> deviceOfVolumeId(std::string_view id) {

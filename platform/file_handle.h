@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-namespace zan::fsfilter {
+namespace zan {
 
 /// Owns one handle that CloseHandle closes; INVALID_HANDLE_VALUE when closed.
 class file_handle {
@@ -26,4 +26,4 @@ class file_handle {
   HANDLE handle;
 };
 
-}  // namespace zan::fsfilter
+}  // namespace zan

@@ -1,18 +1,26 @@
 #!/usr/bin/env python3
-"""Filter control end to end: the built zan_restore (argv[1]) against the built
-restore_filter (argv[2]), and against a peer that speaks the ports' framing and
-says what a test wants. As root also a small file system and another user."""
+"""End to end: the built program on real file systems, and filter control against the
+built restore_filter and a peer that speaks the ports' framing and says what a test wants.
 
-import contextlib, ctypes, fcntl, os, shutil, signal, socket, struct, subprocess, sys, tempfile
-import threading, time, unittest
+    end_to_end.py ZAN_RESTORE RESTORE_FILTER    # Linux; as root more file systems and users
+    end_to_end.py WINE ZAN_RESTORE.EXE          # set-up alone
+"""
+
+import contextlib, ctypes, fcntl, itertools, os, random, resource, shutil, signal, socket, struct
+import subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
 TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
+IS_WINDOWS = FILTER.endswith(".exe")
+PROGRAM = [TOOL, FILTER] if IS_WINDOWS else [TOOL]
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 IS_ROOT = os.geteuid() == 0
+IS_SANITIZED = b"libasan" in Path(FILTER).read_bytes()
 CONTEXT = bytes(40)
 NOT_FOUND, NO_PATH, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, NOT_TAGGED = (
     0x80070000 | code for code in (2, 3, 5, 6, 13, 32, 87, 112, 170, 1006, 1168))
+# A user's locale must make no difference; Wine's own names of files follow it.
+ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
 
 
 def volume_of(path):
@@ -22,8 +30,10 @@ def volume_of(path):
 PORT = "\\zan_restore_filter-" + volume_of(tempfile.gettempdir())
 
 
-def tool(*words, program=TOOL, **options):
-    done = subprocess.run([program, *words], stdout=subprocess.PIPE, timeout=60, text=True, **options)
+def tool(*words, program=PROGRAM, **options):
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, **options}
+    done = subprocess.run([*program, *words], timeout=60, encoding="utf-8", errors="surrogateescape",
+                          env=ENVIRONMENT, **options)
     return done.returncode, done.stdout
 
 
@@ -107,6 +117,12 @@ def monitor():
                 lines.append(listener.recv(4096).decode())
 
 
+def mount(kind, source, folder, options, test):
+    os.mkdir(folder)
+    subprocess.run(["mount", "-t", kind, "-o", options, source, folder], check=True)
+    test.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
+
+
 class story(unittest.TestCase):
     """Each test in a scratch folder, with backing files in it."""
 
@@ -139,10 +155,111 @@ class story(unittest.TestCase):
     def set_up_file(self, name, backing):
         self.assertEqual(tool(name, backing)[0], 0)
 
+    def start(self, name, reads=2, answer=0):
+        self.assertEqual(send("--startAggressiveRestore", name, str(reads)), answer)
+
+    def ends_with(self, name, content):
+        eventually(lambda: progress(name) == (len(content),) * 2)
+        self.assertEqual(Path(name).read_bytes(), content)
+
     def files_of_filter(self):
         return len(os.listdir("/proc/%d/fd" % self.filter.pid))
 
 
+class SetUp(story):
+    def check(self, output, *words, status=1, **options):
+        self.assertEqual(tool(*words, **options), (status, output + "\n"), words)
+
+    @staticmethod
+    def record(name):
+        # Wine has no named streams: it makes a file of the stream's name.
+        return Path(name + ":restore_filter_tag" + (":$DATA" if IS_WINDOWS else ""))
+
+    def test_creates_a_tagged_file_or_nothing(self):
+        self.check("create tag stream: \\??\\c:\\dir\\foo.txt", "file", "c:\\dir\\foo.txt", status=0,
+                   preexec_fn=lambda: os.umask(0o022))
+        self.assertEqual((os.path.getsize("file"), oct(os.stat("file").st_mode)), (0, "0o100644"))
+        self.assertEqual(len(self.record("file").read_bytes()), 16376)
+        self.assertEqual(self.record("file").read_bytes()[24:44], b"\x08\0\x24\0" + bytes(8) +
+                         "\\??\\".encode("utf-16-le"))
+        self.check("create local file failed: 50", "back/data", "c:\\x")
+        self.assertEqual(Path("back/data").read_bytes(), self.content)
+        self.assertFalse(self.record("back/data").exists())
+        self.check("create local file failed: 3", "nodir/f", "c:\\x")
+        name = "n\xe9\u20ac\u4e2d\U0001f600"
+        self.check("create tag stream: \\??\\c:\\" + name, name, "c:\\" + name, "simple", "4", status=0)
+        self.assertTrue(os.path.exists(name))
+        with open("/dev/full", "w") as full:  # what can't be printed changes nothing
+            self.assertEqual(tool("full", "c:\\x", stdout=full)[0], 0)
+        self.assertEqual(len(self.record("full").read_bytes()), 16376)
+
+    @unittest.skipUnless(IS_WINDOWS, "for the Windows executable")
+    def test_under_wine(self):
+        # f:restore_filter_tag begins with a drive, and the stream can't be made.
+        self.check("create tag stream failed: 2", "f", "c:\\x")
+        self.assertFalse(os.path.exists("f"))
+
+    @unittest.skipIf(IS_WINDOWS, "for Linux")
+    def test_on_linux(self):
+        os.symlink("nowhere", "link")
+        Path("stale:restore_filter_tag").write_text("mine")
+        before = sorted(os.listdir())
+        for name, failure in (
+                ("back", "local file failed: 50"), ("link", "local file failed: 50"),
+                ("back/data/f", "local file failed: 3"), ("", "local file failed: 3"),
+                ("x" * 256, "local file failed: ce"), ("x" * 4096, "local file failed: ce"),
+                ("typed:$DATA", "local file failed: 7b"), ("typed:s:$DATA", "tag stream failed: 7b"),
+                ("x" * 250, "tag stream failed: ce"), ("stale", "tag stream failed: 50")):
+            self.check("create " + failure, name, "c:\\x")
+        def limit(which):
+            return lambda: resource.setrlimit(which, (3, 3))
+        self.check("writing tag stream failed: df", "limited", "c:\\x",
+                   preexec_fn=limit(resource.RLIMIT_FSIZE))
+        if "Where" in tool(preexec_fn=limit(resource.RLIMIT_NOFILE))[1]:  # it could start at all
+            self.check("create local file failed: 4", "new", "c:\\x",
+                       preexec_fn=limit(resource.RLIMIT_NOFILE))
+        self.assertEqual(sorted(os.listdir()), before)
+        self.assertEqual(Path("stale:restore_filter_tag").read_text(), "mine")
+
+        name = "bad\udcff\udcc3"  # bytes that are no UTF-8
+        self.check("create tag stream: \\??\\c:\\" + name, name, "c:\\" + name, status=0)
+        self.assertIn(b"bad\xff\xc3", os.listdir(b"."))
+        closed = {"preexec_fn": lambda: os.closerange(0, 3)}
+        self.assertEqual(tool("closed", "c:\\x", **closed)[0], 0)
+        self.assertEqual(len(self.record("closed").read_bytes()), 16376)
+        self.assertEqual(tool("closed", "c:\\x", **closed)[0], 1)
+        reading, writing = os.pipe()
+        os.close(reading)
+        self.assertEqual(tool("piped", "c:\\x", stdout=writing)[0], 0)
+        os.close(writing)
+
+    @unittest.skipUnless(IS_ROOT and not IS_WINDOWS, "a full disk and NTFS need root")
+    def test_on_other_file_systems(self):
+        mount("tmpfs", "none", "small", "size=8k", self)
+        self.check("writing tag stream failed: 70", "small/f", "c:\\x")
+        self.assertEqual(os.listdir("small"), [])
+        subprocess.run(["mount", "-o", "remount,ro", "small"], check=True)
+        self.check("create local file failed: 13", "small/f", "c:\\x")
+
+        Path("image").write_bytes(bytes(8 << 20))
+        subprocess.run(["mkntfs", "-qF", "image"], check=True, capture_output=True)
+        mount("ntfs-3g", "image", "ntfs", "streams_interface=windows", self)
+        tagged = "create tag stream: \\Device\\Mup\\s\\d"
+        self.check(tagged, "ntfs/\xe9", "\\\\s\\d", "simple", "4", status=0)
+        self.check("create local file failed: 50", "ntfs/\xe9", "\\\\s\\d")
+        self.assertEqual(os.listdir("ntfs"), ["\xe9"])  # a real stream, no second file
+        with contextlib.suppress(OSError):
+            Path("ntfs/filler").write_bytes(bytes(7900000))
+        self.check("writing tag stream failed: 70", "ntfs/nospace", "\\\\s\\d")
+        self.assertEqual(sorted(os.listdir("ntfs")), ["filler", "\xe9"])
+        subprocess.run(["umount", "ntfs"], check=True)
+        self.check(tagged, "same", "\\\\s\\d", "simple", "4", status=0)
+        read = subprocess.run(["ntfscat", "-n", "restore_filter_tag", "image", "\xe9"], check=True,
+                              capture_output=True, env={**os.environ, "LC_ALL": "C.UTF-8"})
+        self.assertEqual(read.stdout, self.record("same").read_bytes())
+
+
+@unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithRestoreFilter(story):
     def setUp(self):
         super().setUp()
@@ -170,8 +287,7 @@ class WithRestoreFilter(story):
                 self.assertEqual(progress(name), (0, size))
                 status, output = tool("--startAggressiveRestore", reads, name)
                 self.assertEqual((status, output.count("\n")), (0, 3))
-                eventually(lambda: progress(name) == (size, size))
-                self.assertEqual(Path(name).read_bytes(), Path(source).read_bytes())
+                self.ends_with(name, Path(source).read_bytes())
                 self.assertEqual(send("--stopAggressiveRestore", name), 0)
         eventually(lambda: self.files_of_filter() <= opened)
 
@@ -225,8 +341,8 @@ class WithRestoreFilter(story):
             make("linked:restore_filter_tag")
             self.assertNotIn(send("--progress", "linked"), (0, None))
             os.unlink("linked:restore_filter_tag")
-        for reads in ("0", "-1"):
-            self.assertEqual(send("--startAggressiveRestore", "good", reads), INVALID)
+        self.start("good", 0, INVALID)
+        self.start("good", -1, INVALID)
 
     def test_survives_any_client(self):
         opened = self.files_of_filter()
@@ -241,12 +357,20 @@ class WithRestoreFilter(story):
                               (client.socket.fileno(), BAD_HANDLE), (999, BAD_HANDLE),
                               (1 << 40, BAD_HANDLE), (os.open("/proc/self/stat", 0), INVALID)):
             self.assertEqual(client.send(bad, 0), expected)
+        self.assertEqual(tool("--ping", "back"), (1, "Cannot open local file: path = back\n"))
         self.set_up_file("gone (deleted)", "c:\\data")
         with open("gone", "wb") as gone:
             os.unlink("gone")
             self.assertEqual(client.send(gone.fileno(), 1, 1, 4), NOT_TAGGED)
         for size in (1, 3, 4, 27, 29, 64, 65, 5000):
             self.assertEqual(client.exchange(b"\xff" * size), INVALID)
+        for _ in range(300):
+            self.assertIn(client.exchange(random.randbytes(28)), (BAD_HANDLE, INVALID))
+        silent[-1].socket.settimeout(0.5)
+        with contextlib.suppress(OSError):  # it reads no answer, until nothing more is taken
+            while True:
+                silent[-1].socket.send(bytes(28))
+        self.assertEqual(client.send(handle, 0), 0)
         for context in (b"x", bytes(39), bytes(41), bytes(4096)):
             self.assertEqual(connection(context).result, INVALID)
         gone = connection()
@@ -257,13 +381,13 @@ class WithRestoreFilter(story):
 
     def test_two_starts_stop_kill_and_go_on(self):
         self.set_up_file("local", "c:\\huge")
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), BUSY)
+        self.start("local")
+        self.start("local", answer=BUSY)
         eventually(lambda: progress("local")[0] > 0)
         self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
         kept = progress("local")
         self.assertTrue(0 < kept[0] < kept[1])
-        self.assertEqual(send("--startAggressiveRestore", "local", "4"), 0)
+        self.start("local", 4)
         eventually(lambda: progress("local")[0] > kept[0])
         self.filter.kill()
         self.filter.wait()
@@ -271,21 +395,21 @@ class WithRestoreFilter(story):
         self.assertTrue(self.start_filter())
         os.truncate("back/huge", kept + 3)
         self.assertEqual(progress("local"), (kept, kept + 3))
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        self.start("local")
         eventually(lambda: progress("local") == (kept + 3, kept + 3))
         os.truncate("back/huge", kept + 9)  # grown
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        self.start("local")
         eventually(lambda: progress("local") == (kept + 9, kept + 9))
         os.truncate("back/huge", 5)
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), 0)
+        self.start("local")
         eventually(lambda: send("--progress", "local") == TOO_SHORT)
         os.unlink("back/huge")
-        self.assertEqual(send("--startAggressiveRestore", "local", "2"), NOT_FOUND)
+        self.start("local", answer=NOT_FOUND)
 
     def test_ends_with_its_file_and_attaches_once(self):
         self.set_up_file("local", "c:\\huge")
         opened = self.files_of_filter()
-        self.assertEqual(send("--startAggressiveRestore", "local", "4"), 0)
+        self.start("local", 4)
         os.unlink("local")
         eventually(lambda: self.files_of_filter() <= opened)
         second = subprocess.run([FILTER, "."], capture_output=True, text=True)
@@ -294,34 +418,32 @@ class WithRestoreFilter(story):
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_full_disk_and_other_volume(self):
-        local = "sm all/local"
-        os.mkdir("sm all")
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "sm all"], check=True)
-        self.addCleanup(subprocess.run, ["umount", "sm all"])
+        local = "sm all\\/local"
+        mount("tmpfs", "none", "sm all\\", "size=1m", self)
         self.set_up_file(local, "c:\\data")
         self.assertEqual(tool("--ping", local),
                          (1, "volume is: %s\nchecking instance for volume: %s - "
                              "\\Device\\HarddiskVolume%d\nno filter instance found for %s\n"
-                          % (volume_of("sm all"), volume_of("."), os.stat(".").st_dev, local)))
-        self.assertTrue(self.start_filter(folder="sm all"))
-        self.assertEqual(send("--startAggressiveRestore", local, "2"), 0)
+                          % (volume_of("sm all\\"), volume_of("."), os.stat(".").st_dev, local)))
+        self.assertTrue(self.start_filter(folder="sm all\\"))
+        self.start(local)
         eventually(lambda: send("--progress", local) == FULL)
         self.assertTrue(self.content.startswith(Path(local).read_bytes()))
-        subprocess.run(["mount", "-o", "remount,size=9m", "sm all"], check=True)
-        self.assertEqual(send("--startAggressiveRestore", local, "2"), 0)
-        eventually(lambda: progress(local) == (len(self.content),) * 2)
-        self.assertEqual(Path(local).read_bytes(), self.content)
+        subprocess.run(["mount", "-o", "remount,size=9m", "sm all\\"], check=True)
+        self.start(local)
+        self.ends_with(local, self.content)
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_serves_no_other_user(self):
         os.chmod(self.folder, 0o755)  # and nobody may not come to where the tool is
         shutil.copy(TOOL, "tool")
         with monitor() as lines:
-            self.assertEqual(send("--ping", "back/data", program="./tool", user=65534), BAD_HANDLE)
+            self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), BAD_HANDLE)
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
                                  "error = 0x80070005\n" % PORT])
 
 
+@unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithPeer(story):
     def test_answers(self):
         ok, no = struct.pack("<I", 0), struct.pack("<I", 0x80070005)
@@ -344,13 +466,17 @@ class WithPeer(story):
                                      struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
     def test_traces_when_no_filter_is_loaded(self):
-        with monitor() as lines, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as idle:
+        with monitor() as lines, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as idle, \
+                socket.socket(socket.AF_UNIX) as stream:
             idle.bind("\0" + PORT)  # and does not listen
+            stream.bind("\0" + PORT)
+            stream.listen()
             self.assertEqual(tool("--progress", "back/data"),
                              (1, "no filter instance found for back/data\nqueryProgress failed\n"))
         self.assertEqual(lines, ["FilterInstanceFindFirst failed: status = 0x801f0013\n"])
 
 
+@unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithFailingCalls(story):
     """Each call of the stand-in to its system fails, by index: it lives on, and what it
     says is true."""
@@ -360,22 +486,19 @@ class WithFailingCalls(story):
              "clone3": 2, "mmap": 4, "getsockopt": 2}
 
     def test_lives_on(self):
-        if b"libasan" in Path(FILTER).read_bytes():
+        if IS_SANITIZED:
             self.skipTest("the sanitizer's own calls would fail")
         if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
             self.skipTest("strace can't trace here")
         for call, uses in self.CALLS.items():
-            for error in ("EIO", "EINTR", "ENOMEM"):
-                for use in range(1, uses + 1):
-                    fault = "inject=%s:error=%s:when=%d" % (call, error, use)
-                    with self.subTest(fault):
-                        self.live_through(fault)
-        print("survived %d failing system calls" % (3 * sum(self.CALLS.values())), file=sys.stderr)
+            for error, use in itertools.product(("EIO", "EINTR", "ENOMEM"), range(1, uses + 1)):
+                fault = "inject=%s:error=%s:when=%d" % (call, error, use)
+                with self.subTest(fault):
+                    self.live_through(fault)
 
     def live_through(self, fault):
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink("local")
-            os.unlink("local:restore_filter_tag")
+        for name in ("local", "local:restore_filter_tag"):
+            Path(name).unlink(missing_ok=True)
         self.set_up_file("local", "c:\\data")
         if self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", fault):
             for _ in range(30):  # a fault comes once in each thread, and every start has new ones

@@ -1,0 +1,136 @@
+// The list of the filter's instances over the scripted machine.
+
+#include <windows.h>
+// after <windows.h>:
+#include <fltuser.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "fsfilter/filter_instances.h"
+#include "tests/scripted_machine.h"
+
+using namespace scripted;
+using zan::fsfilter::FilterInstanceInfo;
+using zan::fsfilter::findFilterInstances;
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+const std::string ofFirst = ", vol = \\\\?\\" + utf8(firstVolume);
+
+std::vector<FilterInstanceInfo> instances() {
+  const auto list = findFilterInstances(L"zan_restore_filter");
+  return {list.begin(), list.end()};
+}
+
+}  // namespace
+
+TEST(Instances, AreCopiedFromTheRecords) {
+  now = attachedMachine();
+  now.instances = {instanceRecord(L"\\Device\\V3"), instanceRecord(L"\\Device\\V3", true),
+                   instanceRecord(L"\\device\\V3"), instanceRecord(L"\\Device\\V")};
+  std::wostringstream found;
+  for (const FilterInstanceInfo& each : findFilterInstances(L"zan_restore_filter")) {
+    found << each.isLegacyFilter << each.detachedVolume << ' ' << each.frameId << ' '
+          << each.volumeFileSystemType << ' ' << each.instanceName << ' ' << each.altitude << ' '
+          << each.filterName << ' ' << each.volumeDeviceName << ' ' << each.volumeId << '\n';
+  }
+  EXPECT_EQ(found.str(), L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\Device\\V3 " + fileVolume +
+                             L"\n11 0 0  40500 old \\Device\\V3 \n"
+                             L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\device\\V3 \n"
+                             L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\Device\\V \n");
+  EXPECT_EQ(uses("FindFirstVolumeW"), 3);  // never for a legacy filter
+  EXPECT_TRUE(now.traces.empty());
+}
+
+TEST(Instances, TextOutsideTheBufferIsEmpty) {
+  using header = INSTANCE_AGGREGATE_STANDARD_INFORMATION;
+  std::string record = instanceRecord(L"\\Device\\V3");
+  header changed;
+  std::memcpy(&changed, record.data(), sizeof(changed));
+  changed.Flags = 3;  // 2 alone means a legacy filter
+  auto& mini = changed.Type.MiniFilter;
+  mini.AltitudeLength = 0xFFFE;
+  mini.FilterNameBufferOffset = 510;
+  mini.FilterNameLength = 2;  // the last that lies within the buffer
+  mini.InstanceNameBufferOffset = 511;
+  mini.InstanceNameLength = 2;
+  std::memcpy(record.data(), &changed, sizeof(changed));
+  now = attachedMachine();
+  now.instances = {record, instanceRecord(L"\\Device\\V3")};
+  const auto found = instances();
+  ASSERT_EQ(found.size(), 2u);
+  EXPECT_EQ(found[0].instanceName + found[0].altitude, L"");
+  EXPECT_EQ(found[0].filterName.size(), 1u);
+  EXPECT_EQ(found[0].volumeId, fileVolume);
+  EXPECT_EQ(found[1].filterName, L"zan_restore_filter");
+}
+
+TEST(Instances, BuffersGrowToTheirCaps) {
+  now = attachedMachine();
+  now.instances = {instanceRecord(L"\\Device\\V3", false, 900), instanceRecord(L"\\Device\\V3"),
+                   instanceRecord(L"\\Device\\V3", false, 3000)};
+  now.volumes[0].devices += std::wstring(700, L'x') + L'\0';
+  EXPECT_EQ(instances().size(), 3u);
+  std::string sizes;
+  for (const std::string& call : now.calls) {
+    if (call.starts_with("FilterInstanceFind") || call.find("11111111") != call.npos) {
+      sizes += call.substr(call.rfind(' '));
+    }
+  }
+  EXPECT_EQ(sizes,
+            " 512 1024 260 520 1040 1024 260 520 1040 1024 2048 4096 260 520 1040 4096 instances");
+  EXPECT_TRUE(now.traces.empty());
+
+  now = attachedMachine();
+  now.failing = {{"FilterInstanceFindFirst", 0x8007007A}, {"QueryDosDeviceW", 122}};
+  EXPECT_EQ(instances().size(), 0u);
+  EXPECT_EQ(now.calls.at(now.calls.size() - 2),
+            "FilterInstanceFindFirst zan_restore_filter 3 1048576");
+  FilterInstanceInfo used;
+  used.volumeId = L"stale";
+  used.resolveVolumeId();
+  EXPECT_EQ(used.volumeId, L"");
+  EXPECT_EQ(now.traces.at(1), "QueryDosDevice failed: hr = 0x7a" + ofFirst + "\n");
+  EXPECT_EQ(now.calls.at(now.calls.size() - 3), "QueryDosDeviceW " + utf8(fileVolume) + " 266240");
+}
+
+TEST(Instances, FailuresAreTraced) {
+  const struct {
+    std::string call;
+    DWORD code;
+    std::size_t found;
+    std::string trace;
+  } table[] = {
+      {"FilterInstanceFindFirst", 0x80070103, 0, ""},
+      {"FilterInstanceFindFirst", 0x103, 0, ""},
+      {"FilterInstanceFindFirst", 0x801F0013, 0,
+       "FilterInstanceFindFirst failed: status = 0x801f0013"},
+      {"FilterInstanceFindFirst", 0x8007007A, 0,
+       "FilterInstanceFindFirst failed: status = 0x8007007a"},
+      {"FilterInstanceFindNext#3", 0x80070005, 3,
+       "FilterInstanceFindNext failed: status = 0x80070005"},
+      {"FilterInstanceFindNext#2", 0x7A, 3, ""},
+      {"FilterInstanceFindNext#3", 0x801F0103, 3, ""},  // whatever the facility
+      {"FilterInstanceFindNext#1", 1, 4, ""},           // a success: the record once more
+      {"FilterInstanceFindClose", 1, 3, ""},
+      {"FilterInstanceFindClose", 0x80070006, 3,
+       "FilterInstanceFindClose failed: status = 0x80070006"},
+      {"FindFirstVolumeW#2", 0x15, 3, "FindFirstVolume falied: hr = 0x15"},
+      {"FindNextVolumeW#1", 0x1F, 3, "FindNextVolume failed: hr = 0x1f"},
+      {"FindNextVolumeW#1", ERROR_MORE_DATA, 3, ""},
+      {"FindVolumeClose#3", 0x1F, 3, "FindVolumeClose falied: hr = 0x1f"},
+      {"QueryDosDeviceW#1", 2, 3, "QueryDosDevice failed: hr = 0x2" + ofFirst},
+      {"QueryDosDeviceW#1", 122, 3, ""},
+  };
+  for (const auto& [call, code, found, trace] : table) {
+    now = attachedMachine();
+    now.failing = {{call, code}};
+    EXPECT_EQ(instances().size(), found);
+    EXPECT_EQ(now.traces, trace.empty() ? lines{} : lines{trace + "\n"});
+    EXPECT_EQ(uses("FilterInstanceFindClose"), 1);
+  }
+}

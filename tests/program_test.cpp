@@ -1,0 +1,362 @@
+// The program over the scripted machine: what it calls, prints and writes.
+
+#include <windows.h>
+// after <windows.h>:
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <regex>
+#include <sstream>
+
+#include "app/commands.h"
+#include "app/wide_output.h"
+#include "errors/result_exception.h"
+#include "fsfilter/filter_port.h"
+#include "restore/nt_path.h"
+#include "tests/scripted_machine.h"
+
+using namespace scripted;
+
+namespace {
+
+using lines = std::vector<std::string>;
+using codes = std::map<std::string, DWORD>;
+
+const std::string usage =
+    "zan_restore file rp [ 'simple' n ]\n"
+    "\n"
+    "Where\n"
+    "\n"
+    "\tfile is the path to a local file that will be recovered\n"
+    "\trp is the path to the backing data file: \\\\server\\<path> or c:\\dir\\foo.txt\n"
+    "\tsimple indicates an aggressive restore with n concurrent backing reads\n"
+    "\n"
+    "zan_restore [ --startAggressiveRestore n | --stopAggressiveRestore | --progress ] file\n"
+    "\n"
+    "\tReport progress of or start or stop aggressive restoration of a filtered file\n"
+    "\tn = number of concurrent backing file reads\n"
+    "\n";
+
+const std::string id = "Volume{abcdefab-3333-3333-3333-333333333333}";
+const std::string port = "\\zan_restore_filter-" + id;
+const std::string volumeIs = "volume is: " + id + "\n";
+const std::string checking = "checking instance for volume: ";
+const std::string second = checking + utf8(secondVolume) + " - \\Device\\V2\n";
+const std::string third = checking + id + " - \\Device\\V3\n";
+const std::string first = checking + utf8(firstVolume) + " - \\Device\\V1\n";
+const std::string sent = volumeIs + second + third + "sending to instance to port: " + port + "\n";
+const std::string noInstance = "no filter instance found for f\n";
+const std::string noVolume = "Cannot determine volume id: path = f\n";
+const std::string notSent = "message not sent to port: " + port + "\n";
+
+outcome runOn(const machine& given, const std::wstring& words, const codes& failing = {}) {
+  now = given;
+  now.failing = failing;
+  return run(words);
+}
+
+std::string tagOf(const std::wstring& file) {
+  return now.files[file + L":restore_filter_tag:$DATA"];
+}
+
+}  // namespace
+
+TEST(CommandLine, MalformedPrintsTheUsageAndTouchesNothing) {
+  EXPECT_EQ(run(std::vector<std::wstring>{}).output, usage);
+  for (const wchar_t* words :
+       {L"--progress", L"--ping", L"--stopAggressiveRestore", L"--startAggressiveRestore",
+        L"--startAggressiveRestore|4", L"--startAggressiveRestore|4|f|extra",
+        L"--startAggressiveRestore|x|f", L"f", L"f|rp|simple", L"f|rp|simple|4|extra",
+        L"f|rp|simple|", L"f|rp|simple|- 4", L"f|rp|simple|2147483648", L"f|rp|simple|-2147483649",
+        L"f|rp|simple|99999999999999999999", L"f||simple|x"}) {
+    const outcome done = runOn({}, words);
+    EXPECT_EQ(done.status, 1);
+    EXPECT_EQ(done.output, usage);
+    EXPECT_TRUE(now.calls.empty());
+  }
+}
+
+TEST(CommandLine, AnyOtherFirstWordIsALocalFile) {
+  const std::string none(8, '\0');
+  const std::pair<std::wstring, std::string> table[] = {
+      {L"--Progress|file", none},
+      {L"--progressX|x", none},
+      {L"--ping |x", none},
+      {L"--stopAggressiveRestores|x", none},
+      {L"--startAggressiveRestore4|x|any| \t+12abc", {"\1\0\0\0\x0C\0\0\0", 8}},
+      {L"f|rp|simple|0x10", {"\1\0\0\0\0\0\0\0", 8}},
+      {L"f|rp|simple|2147483647", {"\1\0\0\0\xFF\xFF\xFF\x7F", 8}},
+      {L"f|rp||-2147483648", {"\1\0\0\0\0\0\0\x80", 8}},
+  };
+  for (const auto& [words, strategy] : table) {
+    EXPECT_EQ(runOn({}, words).status, 0);
+    EXPECT_EQ(tagOf(words.substr(0, words.find(L'|'))).substr(28, 8), strategy);
+  }
+}
+
+TEST(Output, IsUtf8InOrderWithNarrowText) {
+  machine console;
+  console.hasConsole = true;
+  EXPECT_EQ(runOn(console, L"f|\xE9\xD83D\xDE00").output, "");
+  EXPECT_EQ(now.console, L"create tag stream: \xE9\xD83D\xDE00\n");
+
+  now = {};
+  std::stringbuf captured;
+  struct : std::streambuf {
+    int sync() override { return -1; }
+  } full;
+  std::streambuf* const previous = std::cout.rdbuf(&captured);
+  {
+    const zan::wide_output output;
+    std::wcout << L"lone \xD800!" << std::endl;
+    std::cout << "narrow" << std::endl;
+    std::wcout << L"at the end \xD83D" << std::flush;
+    std::cout.rdbuf(&full);
+    std::wcout << std::wstring(2000, L'x') << std::endl;
+    EXPECT_TRUE(std::wcout.good());
+  }
+  std::cout.rdbuf(previous);
+  EXPECT_EQ(captured.str(), "lone \uFFFD!\nnarrow\nat the end \uFFFD");
+}
+
+TEST(Output, TearsNoSurrogatePairWhereverItsBufferEnds) {
+  for (std::size_t before = 505; before < 520; ++before) {
+    std::wstring path = std::wstring(before, L'x') + std::wstring(1024, L'\x4E2D');
+    std::string expected(before, 'x');
+    for (int i = 0; i < 1024; ++i) expected += "\u4E2D";
+    for (int i = 0; i < 300; ++i) {
+      path += L"\xD800\xDC00\xDBFF\xDFFF";
+      expected += "\U00010000\U0010FFFF";
+    }
+    EXPECT_EQ(runOn({}, L"f|" + path).output, "create tag stream: " + expected + "\n");
+  }
+}
+
+TEST(NtPath, GetsItsPrefixAndNothingElse) {
+  const std::pair<std::wstring, std::wstring> table[] = {
+      {L"c:\\dir\\foo.txt", L"\\??\\c:\\dir\\foo.txt"},
+      {L"c:", L"\\??\\c:"},
+      {L"c:foo/.\\..\\", L"\\??\\c:foo/.\\..\\"},
+      {L"1:\\a:b", L"\\??\\1:\\a:b"},
+      {L"\\:x", L"\\??\\\\:x"},
+      {L"\\\\server\\share\\foo.txt", L"\\Device\\Mup\\server\\share\\foo.txt"},
+      {L"\\\\", L"\\Device\\Mup\\"},
+      {L"\\\\?\\c:\\x", L"\\Device\\Mup\\?\\c:\\x"},
+  };
+  for (const auto& [given, expected] : table) EXPECT_EQ(toNtPath(given), expected);
+  for (const wchar_t* path :
+       {L"foo.txt", L"\\dir\\foo.txt", L"//server/x", L":x", L"::x", L"ab:c"}) {
+    EXPECT_EQ(toNtPath(path), path);
+  }
+}
+
+TEST(SetUp, WritesTheRecordByteForByte) {
+  ASSERT_EQ(runOn({}, L"f|c:\\\x4E2D\xD83D\xDE00|any|-3").status, 0);
+  const std::string path("\\\0?\0?\0\\\0c\0:\0\\\0\x2D\x4E\x3D\xD8\x00\xDE", 20);
+  const std::string header(
+      "\x53\0\0\0\xE0\x3F\0\0\xDA\x13\x29\x5E\xEE\xEA\xCB\x47\xB8\x66\xED\xDC\xAE\xB3\xEB\xC3"
+      "\x08\0\x14\0\x01\0\0\0\xFD\xFF\xFF\xFF",
+      36);
+  EXPECT_EQ(tagOf(L"f"), header + path + std::string(16376 - 36 - 20, '\0'));
+}
+
+TEST(SetUp, TakesPathsUpToTheLimitOfTheRecord) {
+  const std::pair<std::wstring, std::size_t> table[] = {
+      {L"c:", 8164}, {L"\\\\", 8158}, {L"", 8168}};
+  for (const auto& [start, most] : table) {
+    const std::wstring longest = L"f|" + start + std::wstring(most - start.size() - 2, L'x');
+    EXPECT_EQ(runOn({}, longest + L"\xD83D\xDE00").status, 0);
+    EXPECT_EQ(tagOf(L"f").substr(26, 2), "\xD0\x3F");
+    EXPECT_EQ(tagOf(L"f").substr(16368), std::string("\x3D\xD8\x00\xDE\0\0\0\0", 8));
+    for (const std::wstring& words : {longest + L"xxx", std::wstring(L"f|")}) {
+      const outcome done = runOn({}, words);
+      EXPECT_EQ(done.status, 1);
+      EXPECT_EQ(done.output, "");
+      EXPECT_EQ(now.calls, lines{});
+    }
+  }
+}
+
+TEST(SetUp, MakesTheseCallsAndLeavesNothingBehindAFailure) {
+  const std::string stream = "f:restore_filter_tag:$DATA";
+  const lines calls{"CreateFileW f 10000000 3 - 1 80 -",
+                    "CloseHandle f",
+                    "CreateFileW " + stream + " 10000000 0 - 1 80 -",
+                    "WriteFile " + stream + " 16376 -",
+                    "CloseHandle " + stream,
+                    "DeleteFileW f"};
+  const struct {
+    codes failing;
+    std::string output;
+    std::ptrdiff_t calls;  // of those above
+    bool isDeleted;
+  } table[] = {
+      {{}, "create tag stream: \\??\\c:\\x\n", 5, false},
+      {{{"CreateFileW#1", 0x50}}, "create local file failed: 50\n", 1, false},
+      {{{"CreateFileW#2", 0x1abc}}, "create tag stream failed: 1abc\n", 3, true},
+      {{{"WriteFile", 112}}, "writing tag stream failed: 70\n", 5, true},
+      {{{"WriteFile", shortWrite}}, "writing tag stream failed - incomplete write: \n", 5, true},
+  };
+  for (const auto& row : table) {
+    const outcome done = runOn({}, L"f|c:\\x", row.failing);
+    EXPECT_EQ(done.status, row.failing.empty() ? 0 : 1);
+    EXPECT_EQ(done.output, row.output);
+    lines expected(calls.begin(), calls.begin() + row.calls);
+    if (row.isDeleted) expected.push_back(calls.back());
+    EXPECT_EQ(now.calls, expected);
+  }
+}
+
+TEST(Control, MakesTheseCallsInThisOrder) {
+  machine world = attachedMachine();
+  world.instances.resize(1);
+  world.mountedVolume = nameOfVolume(secondVolume);
+  EXPECT_EQ(runOn(world, L"--ping|f|ignored").status, 0);
+  const lines expected{"CreateFileW f 80000000 7 - 3 80 -",
+                       "GetVolumePathNameW f 261",
+                       "GetVolumeNameForVolumeMountPointW C:\\ 50",
+                       "FilterInstanceFindFirst zan_restore_filter 3 512",
+                       "FindFirstVolumeW 260",
+                       "QueryDosDeviceW " + utf8(firstVolume) + " 260",
+                       "FindNextVolumeW volumes 260",
+                       "QueryDosDeviceW " + utf8(secondVolume) + " 260",
+                       "FindVolumeClose volumes",
+                       "FilterInstanceFindNext instances 3 512",
+                       "FilterInstanceFindClose instances",
+                       "FilterConnectCommunicationPort \\zan_restore_filter-" + utf8(secondVolume) +
+                           " 0 " + std::string(80, '0') + " - invalid",
+                       "FilterSendMessage port f " + std::string(32, '0') + " - 0",
+                       "CloseHandle f",
+                       "CloseHandle port"};
+  EXPECT_EQ(now.calls, expected);
+  EXPECT_TRUE(now.traces.empty());
+}
+
+TEST(Control, SendsTheseBytesAndPrintsTheReply) {
+  const std::pair<std::wstring, std::string> messages[] = {
+      {L"--ping|f", "00000000000000000000000000000000 - 0"},
+      {L"--stopAggressiveRestore|f|x", "02000000000000000000000000000000 - 0"},
+      {L"--startAggressiveRestore|4|f", "01000000010000000400000000000000 - 0"},
+      {L"--startAggressiveRestore|0|f", "01000000010000000000000000000000 - 0"},
+      {L"--startAggressiveRestore|-3|f", "0100000001000000fdffffff00000000 - 0"},
+      {L"--progress|f|extra", "03000000000000000000000000000000 something 16"},
+  };
+  for (const auto& [words, message] : messages) {
+    EXPECT_EQ(runOn(attachedMachine(), words).status, 0);
+    EXPECT_EQ(now.calls.at(now.calls.size() - 3), "FilterSendMessage port f " + message);
+  }
+  const std::pair<std::string, std::string> replies[] = {
+      {{"\0\x1A", 2}, "progress: 0x1a00 of 0x0\n"},
+      {{"\0\x10\0\0\0\0\0\0\0\0\x10\0\0\0\0\0", 16}, "progress: 0x1000 of 0x100000\n"},
+      {std::string(16, '\xFF'), "progress: 0xffffffffffffffff of 0xffffffffffffffff\n"},
+  };
+  for (const auto& [reply, output] : replies) {
+    machine world = attachedMachine();
+    world.reply = reply;
+    EXPECT_EQ(runOn(world, L"--progress|f").output, output);
+  }
+  now = attachedMachine();
+  ProgressInfo used{7, 7};
+  EXPECT_EQ(queryProgress(L"f", used), 0);
+  EXPECT_EQ(used.progress + used.total, 0u);
+}
+
+TEST(Control, PrintsItsStepsAndItsFailures) {
+  const std::string connect = "FilterConnectCommunicationPort";
+  const std::wstring upper = L"Volume{ABCDEFAB-3333-3333-3333-333333333333}";
+  const std::wstring twice = (L"x Volume " + fileVolume).substr(0, 50);
+  const std::wstring late = (L"0123456789" + fileVolume).substr(0, 50);
+  const std::string none = "\n" + second + third + first + noInstance;
+  const std::string unresolved = checking + " - \\Device\\V";
+  const struct {
+    std::string output;  // of a ping
+    codes failing;
+    std::wstring mountedVolume = nameOfVolume(fileVolume);
+  } table[] = {
+      {sent, {{connect, 1}}},
+      {"Cannot open local file: path = f\n", {{"CreateFileW", 2}}},
+      {noVolume, {{"GetVolumePathNameW", 1}}},
+      {noVolume, {{"GetVolumeNameForVolumeMountPointW", 1}}},
+      {noVolume, {}, L"\\\\?\\volume{abcdefab}\\"},
+      {"volume is: " + utf8(twice.substr(2, 44)) + none, {}, twice},
+      {"volume is: " + utf8(late.substr(10)) + none, {}, late},
+      {"volume is: " + utf8(upper) + none, {}, nameOfVolume(upper)},
+      {volumeIs + noInstance, {{"FilterInstanceFindFirst", 0x801F0013}}},
+      {volumeIs + second + noInstance, {{"FilterInstanceFindNext", 0x80070005}}},
+      {volumeIs + unresolved + "2\n" + unresolved + "3\n" + unresolved + "1\n" + noInstance,
+       {{"FindFirstVolumeW", 5}}},
+      {sent + notSent + "<0x80070005>\n", {{"FilterSendMessage", 0x80070005}}},
+      {sent + notSent + "<0x1f>\n", {{"FilterSendMessage", 0x1F}}},
+      {sent + notSent + "<0x80070006>\n", {{connect, 0x80070002}}},
+  };
+  const std::regex diagnosis(
+      "fsfilter.filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
+      "Dynamic exception type: .*wrapexcept.*result_exception.*\n"
+      "std::exception::what: .+\n"
+      "(0x[0-9a-f]+)\\[.*errinfo_api_function_.*\\] = FilterSendMessage\n\n");
+  const std::regex step("(volume is|checking instance for|sending to instance).*\n");
+  for (const auto& row : table) {
+    machine world = attachedMachine();
+    world.mountedVolume = row.mountedVolume;
+    const bool isSent = row.output == sent;
+    for (const bool isQuery : {false, true}) {
+      const outcome done = runOn(world, isQuery ? L"--progress|f" : L"--ping|f", row.failing);
+      EXPECT_EQ(done.status, isSent ? 0 : 1);
+      std::string expected = row.output;
+      if (isQuery) {
+        expected = std::regex_replace(expected, step, "") +
+                   (isSent ? "progress: 0x0 of 0x0\n" : "queryProgress failed\n");
+      }
+      EXPECT_EQ(std::regex_replace(done.output, diagnosis, "<$1>\n"), expected);
+      EXPECT_EQ(uses(connect), row.output.starts_with(sent) ? 1 : 0);
+    }
+  }
+  EXPECT_EQ(now.traces, lines{connect + " failed: portName = " + port + ", error = 0x80070002\n"});
+
+  // What the command does not know ends it, with everything closed.
+  EXPECT_EQ(runOn(attachedMachine(), L"--ping|f", {{"FilterSendMessage", throws}}).output, sent);
+  EXPECT_EQ(now.errors, "zan_restore: thrown\n");
+  EXPECT_TRUE(now.open.empty());
+}
+
+TEST(Control, ChecksTheRequestBeforeTheFile) {
+  const struct {
+    std::uint32_t operation;
+    std::uint32_t kind;
+    std::wstring refusal;
+  } table[] = {
+      {4, 0, L"Invalid operation\n"},
+      {0xFFFFFFFF, 0, L"Invalid operation\n"},
+      {1, 0, L"Invalid restore strategy\n"},
+      {1, 2, L"Invalid restore strategy\n"},
+      {1, 1, L""},
+      {3, 0, L""},
+      {0, 7, L""},
+  };
+  for (const auto& row : table) {
+    now = attachedMachine();
+    std::wstringbuf captured;
+    std::wstreambuf* const previous = std::wcout.rdbuf(&captured);
+    const RestoreStrategy strategy{RestoreStrategyKind(row.kind), 0};
+    const int status = sendControlRequest(L"f", {ControlOperation(row.operation), strategy});
+    std::wcout.rdbuf(previous);
+    EXPECT_EQ(status, row.refusal.empty() ? 0 : 1);
+    EXPECT_TRUE(status == 0 || captured.str() == row.refusal);
+    EXPECT_EQ(now.calls.empty(), status != 0);
+  }
+}
+
+TEST(FilterPort, StaysConnectedAfterAFailedSend) {
+  now = attachedMachine();
+  now.failing = {{"FilterSendMessage#1", 0x80070005}, {"CloseHandle", 0x1F}};
+  now.reply = "12345";
+  {
+    zan::fsfilter::filter_port connection(L"\\p");
+    std::uint64_t message[3] = {};
+    char reply[16];
+    EXPECT_THROW(connection.sendMessage(message, 24, reply, 16), zan::except::result_exception);
+    EXPECT_EQ(connection.sendMessage(message, 24, reply, 16), 5u);
+  }
+  EXPECT_EQ(now.traces, lines{"CloseHanle failed: portName = \\p, error = 0x1f\n"});
+  EXPECT_EQ(uses("CloseHandle"), 1);
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+// A machine in memory behind the names of kernel32 and fltlib: it records every call
+// with its arguments, plays back what the test says and can fail any call and any
+// allocation of the program.
+namespace scripted {
+
+// Codes with a meaning of their own in `failing`.
+constexpr DWORD shortWrite = 0xFFFFFFFF;  // WriteFile succeeds, but a byte short
+constexpr DWORD throws = 0xFFFFFFFE;      // FilterSendMessage throws std::runtime_error
+
+/// A volume as the system writes it, zeros included: "\\?\Volume{GUID}\" and a zero, and
+/// the list of its device names.
+struct volume {
+  std::wstring name;
+  std::wstring devices;
+};
+
+struct machine {
+  // What the test says. A key of `failing` is "CALL#n" for its n-th use, "CALL"
+  // for every use; the value is the error code or HRESULT that it fails with.
+  std::map<std::string, DWORD> failing;
+  std::map<std::wstring, std::string> files;  // with their content
+  bool hasConsole = false;
+  std::wstring mountedVolume;  // what GetVolumeNameForVolumeMountPointW answers
+  std::vector<volume> volumes;
+  std::vector<std::string> instances;  // Filter Manager records
+  std::string reply;                   // of the filter to a message
+
+  // What happened: a line a call, what is still open, and what the debug monitor, the
+  // console and the standard error show.
+  std::vector<std::string> calls;
+  std::map<HANDLE, std::wstring> open;
+  std::vector<std::string> traces;
+  std::wstring console;
+  std::string errors;
+  int delivered = 0;  // messages that the filter accepted
+  std::size_t nextInstance = 0;
+  std::size_t nextVolume = 0;
+};
+
+/// The one machine; a test starts with `now = {}` or `now = attachedMachine()`.
+extern machine now;
+
+/// How often the program has called this function.
+std::ptrdiff_t uses(const std::string& call);
+
+// Three volumes with the restore filter attached to all of them, the second with two
+// device names, and a local file f on the third: what the control commands expect.
+inline const std::wstring firstVolume = L"Volume{11111111-1111-1111-1111-111111111111}";
+inline const std::wstring secondVolume = L"Volume{22222222-2222-2222-2222-222222222222}";
+inline const std::wstring fileVolume = L"Volume{abcdefab-3333-3333-3333-333333333333}";
+machine attachedMachine();
+
+/// What the system calls the volume with this id.
+std::wstring nameOfVolume(const std::wstring& id);
+
+/// A Filter Manager record of an instance on the volume `device`; `pad` bytes lie
+/// between its fields and its texts.
+std::string instanceRecord(const std::wstring& device, bool isLegacy = false, std::size_t pad = 0);
+
+struct outcome {
+  int status;
+  std::string output;  // wide and narrow lines in their order, "\n" line ends
+};
+
+/// Runs the program's entry with these arguments after its name, joined by "|" in the
+/// second form. The allocation of this index (from 1) fails; 0: none does.
+outcome run(const std::vector<std::wstring>& arguments, int failing = 0);
+outcome run(const std::wstring& arguments, int failing = 0);
+
+std::string utf8(const std::wstring& text);
+
+}  // namespace scripted
