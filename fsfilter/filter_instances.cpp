@@ -22,6 +22,9 @@ constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 // the mingw-w64 headers FLTFL_IASI_IS_LEGACYFILTER.
 constexpr DWORD legacyFilterRecord = 2;
 
+// The layout of Windows 8 and later, in which a legacy filter has a name too.
+static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
+
 using record_buffer = std::vector<BYTE>;
 
 // The text of `length` bytes at `offset` from the start of the record; empty

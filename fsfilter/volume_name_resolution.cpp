@@ -1,8 +1,11 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cwchar>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
@@ -15,7 +18,12 @@ namespace {
 constexpr std::size_t smallestDeviceBuffer = MAX_PATH;        // UTF-16 code units
 constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;  // 1 MiB
 
-constexpr std::size_t prefixLength = 4;  // "\\?\" before a volume id
+constexpr std::wstring_view prefix = L"\\\\?\\";  // before a volume id
+
+// The text that a call left in a buffer: up to its zero, or all of it when there is none.
+std::wstring_view textIn(std::span<const wchar_t> buffer) noexcept {
+  return {buffer.data(), wcsnlen(buffer.data(), buffer.size())};
+}
 
 void traceQuery(DWORD error, const wchar_t* volume) noexcept {
   traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
@@ -25,8 +33,12 @@ void traceQuery(DWORD error, const wchar_t* volume) noexcept {
 // if it has several. `devices` takes their names and grows as needed.
 bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
                 std::vector<wchar_t>& devices) noexcept {
-  while (QueryDosDeviceW(volume + prefixLength, devices.data(),
-                         static_cast<DWORD>(devices.size())) == 0) {
+  for (;;) {
+    std::fill(devices.begin(), devices.end(), L'\0');
+    if (QueryDosDeviceW(volume + prefix.size(), devices.data(),
+                        static_cast<DWORD>(devices.size())) != 0) {
+      return deviceName == textIn(devices);
+    }
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer ||
@@ -35,7 +47,6 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
       return false;
     }
   }
-  return deviceName == devices.data();
 }
 
 }  // namespace
@@ -48,21 +59,25 @@ void FilterInstanceInfo::resolveVolumeId() noexcept {
     return;
   }
 
-  std::array<wchar_t, MAX_PATH> volume;
+  std::array<wchar_t, MAX_PATH> volume{};
   const HANDLE volumes = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
   if (volumes == INVALID_HANDLE_VALUE) {
     traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
     return;
   }
   for (;;) {
-    const std::size_t length = std::wcslen(volume.data());
-    if (length > 0) volume[length - 1] = L'\0';  // the trailing backslash
-    if (isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-      if (!hasMemoryFor([&] { volumeId = volume.data() + prefixLength; })) {
+    // A name of any other form than "\\?\NAME\" is no volume's.
+    const std::wstring_view name = textIn(volume);
+    const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
+                          name.starts_with(prefix) && name.ends_with(L'\\');
+    if (isVolume) volume[name.size() - 1] = L'\0';
+    if (isVolume && isDeviceOf(volume.data(), volumeDeviceName, devices)) {
+      if (!hasMemoryFor([&] { volumeId = volume.data() + prefix.size(); })) {
         traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
       }
       break;
     }
+    volume.fill(L'\0');
     if (FindNextVolumeW(volumes, volume.data(), static_cast<DWORD>(volume.size()))) continue;
     const DWORD error = GetLastError();
     if (error != ERROR_NO_MORE_FILES && error != ERROR_MORE_DATA) {

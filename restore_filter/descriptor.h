@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <utility>
@@ -23,3 +24,11 @@ class descriptor {
  private:
   int number;
 };
+
+/// How many descriptors the process may still open before only `reserved` are left, as seen
+/// from one that was opened last: they are handed out lowest first. Negative when fewer are.
+inline long descriptorsLeft(const descriptor& last, int reserved) {
+  rlimit most{};
+  getrlimit(RLIMIT_NOFILE, &most);
+  return static_cast<long>(most.rlim_cur) - 1 - last.get() - reserved;
+}

@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <exception>
 #include <new>
-#include <system_error>
 
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
@@ -18,6 +18,8 @@ namespace {
 
 // A thread and a buffer each; more reads than this are served as this many.
 constexpr int mostReads = 64;
+// Descriptors that restorations leave to connections and to the handling of a message.
+constexpr int reservedDescriptors = 12;
 // Failures kept for those who ask; past this many one is forgotten for another.
 constexpr std::size_t mostFailures = 1000;
 
@@ -36,6 +38,10 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
 
 }  // namespace
 
+message_handler::~message_handler() {
+  for (const auto& each : restorations) each.second->end();
+}
+
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                                 ProgressInfo& reply, std::size_t& replySize) {
   replySize = 0;
@@ -51,8 +57,9 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result == S_OK) result = openRegularFile(path, O_RDONLY, file);
   if (result != S_OK) return result;
   const auto volume = findVolumeOf(pathOf(file).c_str());
-  if (!volume) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  if (volume->device != device) return E_INVALIDARG;
+  // A mount that isn't in the table is one of another mount name space.
+  if (!volume && errno != ENOENT) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
 
   file_key key;
@@ -60,7 +67,12 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result != S_OK) return result;
   forgetEnded();
   const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
-  if (isStop && restorations.erase(key) > 0) return S_OK;  // whatever became of its tag
+  const auto restored = restorations.find(key);
+  if (isStop && restored != restorations.end()) {  // whatever became of its tag
+    restored->second->end();
+    restorations.erase(restored);
+    return S_OK;
+  }
 
   std::string backingPath;
   result = readTagOf(file.get(), backingPath);
@@ -68,7 +80,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
 
   switch (request.operation) {
     case ControlOperation::StartAggressiveRestore:
-      result = openRegularFile(path, O_WRONLY, file);
+      result = openRegularFile(path, O_RDWR, file);
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
     case ControlOperation::StopAggressiveRestore: failures.erase(key); return S_OK;
     default:
@@ -95,13 +107,24 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
   const HRESULT opened = backingFolders.openFile(backingPath, backing);
   if (opened != S_OK) return opened;
 
-  if (restorations.contains(key)) return HRESULT_FROM_WIN32(ERROR_BUSY);
+  if (descriptorsLeft(backing, reservedDescriptors) < 0) {
+    return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
+  }
+
+  const auto found = restorations.find(key);
+  if (found != restorations.end()) {
+    if (!found->second->isFinishing()) return HRESULT_FROM_WIN32(ERROR_BUSY);
+    // Begun anew, since the backing file may be longer by now.
+    found->second->end();
+  }
+  std::shared_ptr<restoration>& slot = restorations[key];
   failures.erase(key);
-  const int reads = std::min(how.concurrentReads, mostReads);
   try {
-    restorations[key] = std::make_unique<restoration>(std::move(file), std::move(backing), reads);
+    slot = std::make_shared<restoration>(std::move(file), std::move(backing));
+    slot->start(std::min(how.concurrentReads, mostReads));
     return S_OK;
-  } catch (const std::system_error&) {  // no more threads
+  } catch (const std::exception&) {  // no more threads, or no memory
+    restorations.erase(key);
     return E_OUTOFMEMORY;
   }
 }
@@ -122,6 +145,10 @@ HRESULT message_handler::queryProgress(file_key key, int file, const std::string
   }
   progress.progress = static_cast<std::uint64_t>(localStatus.st_size);
   progress.total = static_cast<std::uint64_t>(backingStatus.st_size);
+  // It is whole when its last bytes are on the disk, and the restoration has ended.
+  if (restorations.contains(key) && progress.progress >= progress.total && progress.total > 0) {
+    progress.progress = progress.total - 1;
+  }
   return S_OK;
 }
 
@@ -133,8 +160,10 @@ void message_handler::forgetEnded() noexcept {
     }
     const HRESULT failure = each->second->failure();
     try {
-      if (failures.size() >= mostFailures) failures.erase(failures.begin());
-      if (failure != S_OK) failures[each->first] = failure;
+      if (failure != S_OK) {
+        if (failures.size() >= mostFailures) failures.erase(failures.begin());
+        failures[each->first] = failure;
+      }
     } catch (const std::bad_alloc&) {
       return;  // another time
     }

@@ -18,9 +18,14 @@
 class message_handler {
  public:
   explicit message_handler(const backing_folders& folders) : backingFolders(folders) {}
+  /// Ends all restorations.
+  ~message_handler();
+  message_handler(const message_handler&) = delete;
+  message_handler& operator=(const message_handler&) = delete;
 
   /// Handles one message of `size` bytes from the process `sender` to the
-  /// instance on the volume `device`. Returns the status of the send; `reply` and
+  /// instance on the volume `device`. The sender is in this process's mount name space.
+  /// Returns the status of the send; `reply` and
   /// `replySize` (bytes) are its answer. Whatever is refused is left untouched.
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
@@ -39,6 +44,6 @@ class message_handler {
                         ProgressInfo& progress);
 
   const backing_folders& backingFolders;
-  std::map<file_key, std::unique_ptr<restoration>> restorations;
+  std::map<file_key, std::shared_ptr<restoration>> restorations;
   std::map<file_key, HRESULT> failures;  // of restorations that have ended
 };

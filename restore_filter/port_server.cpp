@@ -1,6 +1,6 @@
 #include "restore_filter/port_server.h"
 
-#include <sys/resource.h>
+#include <fcntl.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -14,14 +14,10 @@
 
 namespace {
 
-// Past this many a connection is dropped: the tool's live for one message. Half of
-// the descriptors are left for files.
-std::size_t mostConnections() {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  return std::min<std::size_t>(200, descriptors.rlim_cur / 2);
-}
-
+// Past this many a connection is dropped: the tool's live for one message.
+constexpr std::size_t mostConnections = 200;
+// Descriptors that connections leave to the handling of a message.
+constexpr int reservedDescriptors = 8;
 constexpr int idleMilliseconds = 1000;
 constexpr std::size_t replySizeField = sizeof(std::uint32_t);
 
@@ -39,6 +35,9 @@ std::string port_server::attach(const char* path, std::string& why) {
     return {};
   }
   std::string name = RESTORE_FILTER_PORT_PREFIX_A + volumeIdOf(mount->device);
+  for (const port& each : ports) {
+    if (each.device == mount->device) return name;
+  }
   descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const abstract_address address(name);
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
@@ -91,9 +90,15 @@ void port_server::accept(const port& from) {
     return;
   }
   if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
-  const bool isTrusted = peer.uid == 0 || peer.uid == geteuid();
+  const bool isFull =
+      connections.size() >= mostConnections || descriptorsLeft(socket, reservedDescriptors) < 0;
+  if (isFull && !connections.empty()) {
+    dropConnection();
+    // It takes the number that is free now: the highest ones stay free.
+    socket = descriptor(fcntl(socket.get(), F_DUPFD_CLOEXEC, 0));
+  }
+  const bool isTrusted = peer.uid == geteuid();
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
-  if (connections.size() > mostConnections()) dropConnection();
 }
 
 // Takes one packet and answers it. False when the connection is over.

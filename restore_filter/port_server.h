@@ -12,13 +12,13 @@
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one a volume, and their connections.
-/// Serves its own user and root. Nobody waits for a peer that is slow or silent; all
-/// wait for a file system that hangs.
+/// Serves its own user, nobody else. Nobody waits for a peer that is slow or silent, nor for
+/// a read of a backing file; all wait for a file that can't be opened or written to.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
 
-  /// Attaches to the volume that holds `path`: listens on its port and returns
+  /// Attaches to the volume that holds `path`, once: listens on its port and returns
   /// the port's name. Empty when that fails, `why` telling the reason.
   std::string attach(const char* path, std::string& why);
 

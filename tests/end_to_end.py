@@ -3,10 +3,10 @@
 built restore_filter and a peer that speaks the ports' framing and says what a test wants.
 
     end_to_end.py ZAN_RESTORE RESTORE_FILTER    # Linux; as root more file systems and users
-    end_to_end.py WINE ZAN_RESTORE.EXE          # set-up alone
+    end_to_end.py WINE ZAN_RESTORE.EXE          # control against the fltlib.dll of the tests
 """
 
-import contextlib, ctypes, fcntl, itertools, os, random, resource, shutil, signal, socket, struct
+import contextlib, ctypes, fcntl, itertools, os, random, re, resource, shutil, signal, socket, struct
 import subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
@@ -17,8 +17,8 @@ SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 IS_ROOT = os.geteuid() == 0
 IS_SANITIZED = b"libasan" in Path(FILTER).read_bytes()
 CONTEXT = bytes(40)
-NOT_FOUND, NO_PATH, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, NOT_TAGGED = (
-    0x80070000 | code for code in (2, 3, 5, 6, 13, 32, 87, 112, 170, 1006, 1168))
+NOT_FOUND, NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, \
+    IO_ERROR, NOT_TAGGED = (0x80070000 | code for code in (2, 3, 4, 5, 6, 13, 32, 87, 112, 170, 1006, 1117, 1168))
 # A user's locale must make no difference; Wine's own names of files follow it.
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
 
@@ -31,9 +31,9 @@ PORT = "\\zan_restore_filter-" + volume_of(tempfile.gettempdir())
 
 
 def tool(*words, program=PROGRAM, **options):
-    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, **options}
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "env": ENVIRONMENT, **options}
     done = subprocess.run([*program, *words], timeout=60, encoding="utf-8", errors="surrogateescape",
-                          env=ENVIRONMENT, **options)
+                          **options)
     return done.returncode, done.stdout
 
 
@@ -80,20 +80,22 @@ class connection:
 
 
 @contextlib.contextmanager
-def peer(*answers):
+def peer(*answers, owner=os.geteuid()):
     """A port that answers a connection and a message with these packets; None closes the
     connection instead. Gives the packets that it got."""
     packets = []
     with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
         listener.bind("\0" + PORT)
+        os.seteuid(owner)
         listener.listen()
+        os.seteuid(os.getuid())
 
         def serve():
             client, _ = listener.accept()
             with client:
                 for answer in answers:
                     packets.append(client.recv(100))
-                    if answer is None:
+                    if answer is None or not packets[-1]:
                         return
                     client.send(answer)
                 client.recv(1)
@@ -134,17 +136,16 @@ class story(unittest.TestCase):
         os.makedirs("back/sub")
         self.content = os.urandom(3 * 1024 * 1024 + 5)
         Path("back/data").write_bytes(self.content)
-        os.truncate(os.open("back/huge", os.O_CREAT | os.O_WRONLY), 8 << 30)
 
     def start_filter(self, *prefix, folder="."):
-        """A filter with few descriptors; whether it has attached to the folder's volume."""
+        """A filter with few descriptors; whether it has attached to the folder's volume, once."""
         self.filter = subprocess.Popen(
             ["prlimit", "--nofile=100", *prefix, FILTER, "--drive", "C=back",
-             "--share", r"\\srv\share=back", folder],
+             "--share", r"\\srv\share=back", folder, folder],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
         port = "\\zan_restore_filter-" + volume_of(folder)
-        return self.filter.stdout.readline() == "%s: %s\n" % (folder, port)
+        return [self.filter.stdout.readline() for _ in (1, 2)] == ["%s: %s\n" % (folder, port)] * 2
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
@@ -154,6 +155,12 @@ class story(unittest.TestCase):
 
     def set_up_file(self, name, backing):
         self.assertEqual(tool(name, backing)[0], 0)
+
+    def set_up_huge(self, name):
+        with open("back/huge", "wb") as huge:  # a byte in each chunk: no chunk is a hole
+            for chunk in range(8192):
+                os.pwrite(huge.fileno(), b"x", chunk << 20)
+        self.set_up_file(name, "c:\\huge")
 
     def start(self, name, reads=2, answer=0):
         self.assertEqual(send("--startAggressiveRestore", name, str(reads)), answer)
@@ -259,6 +266,65 @@ class SetUp(story):
         self.assertEqual(read.stdout, self.record("same").read_bytes())
 
 
+@unittest.skipUnless(IS_WINDOWS, "for the Windows executable")
+class WindowsControl(story):
+    """The executable that ships, with the fltlib.dll of the tests in Wine's System32."""
+
+    VOLUME = "Volume{00000000-0000-0000-0000-000000000043}"  # Wine's drive C
+    PORT = "\\zan_restore_filter-" + VOLUME
+
+    def setUp(self):
+        super().setUp()
+        tool()  # makes Wine's drive C when it is not there yet
+        self.drive = Path(os.environ.get("WINEPREFIX", SOURCE + "/build/wine"), "drive_c")
+        library = self.drive / "windows/system32/fltlib.dll"
+        self.addCleanup(library.write_bytes, library.read_bytes())
+        library.write_bytes(Path(FILTER).with_name("tests").joinpath("fltlib.dll").read_bytes())
+        (self.drive / "local").write_text("abc")
+        shutil.copy(FILTER, "tool.exe")
+        Path("fltlib.dll").write_text("what lies beside the executable is never loaded")
+
+    def control(self, words, settings):
+        """Status, output with the diagnosis cut to its HRESULT, calls of fltlib, trace lines."""
+        given = {"FLTLIB_LOG": "log", "FLTLIB_DEVICE": "\\Device\\HarddiskVolume1", "FLTLIB_SIZE": "900",
+                 "WINEDLLOVERRIDES": "fltlib=n", "WINEDEBUG": "warn+seh", **settings}
+        Path("log").write_text("")
+        with open("trace", "w+") as trace:
+            status, output = tool(*words.split(), "c:\\local", program=[TOOL, "./tool.exe"], stderr=trace,
+                                  env={**ENVIRONMENT, **given})
+        traces = re.findall(r'OutputDebugStringA "(.*)\\n"', Path("trace").read_text(errors="replace"))
+        output = re.sub(r"fsfilter.*\n.*\n.*\n(0x\w+)\[.*\n\n", r"<\1>\n", output)
+        return status, output, Path("log").read_text().splitlines(), [t.replace("\\\\", "\\") for t in traces]
+
+    def test_control(self):
+        volume, none = "volume is: %s\n" % self.VOLUME, "no filter instance found for c:\\local\n"
+        checking = "checking instance for volume: %s - \\Device\\HarddiskVolume%d\n"
+        sending = volume + checking % (self.VOLUME, 1) + "sending to instance to port: %s\n" % self.PORT
+        not_sent = "message not sent to port: %s\n" % self.PORT
+        first, larger = ("FindFirst zan_restore_filter 3 %d" % size for size in (512, 1024))
+        find = [first, larger, "FindNext 1024", "FindClose"]
+        sent = [*find, "Connect %s 0 %s" % (self.PORT, bytes(40).hex())]
+        refused = "FilterConnectCommunicationPort failed: portName = %s, error = 0x80070005" % self.PORT
+        table = (
+            ("--ping", {}, 0, sending, [*sent, "Send 3 00000000000000000000000000000000 0"]),
+            ("--startAggressiveRestore 4", {}, 0, sending,
+             [*sent, "Send 3 01000000010000000400000000000000 0"]),
+            ("--stopAggressiveRestore", {}, 0, sending, [*sent, "Send 3 02000000000000000000000000000000 0"]),
+            ("--progress", {"FLTLIB_REPLY": "0100000000000000ff00000000000080"}, 0,
+             "progress: 0x1 of 0x80000000000000ff\n", [*sent, "Send 3 03000000000000000000000000000000 16"]),
+            ("--ping", {"FLTLIB_FIND": "801f0013"}, 1, volume + none, [first, "FindClose"],
+             "FilterInstanceFindFirst failed: status = 0x801f0013"),
+            ("--ping", {"FLTLIB_DEVICE": "\\Device\\HarddiskVolume9"}, 1, volume + checking % ("", 9) + none, find),
+            ("--ping", {"FLTLIB_SEND": "80070057"}, 1, sending + not_sent + "<0x80070057>\n",
+             [*sent, "Send 3 00000000000000000000000000000000 0"]),
+            ("--ping", {"FLTLIB_CONNECT": "80070005"}, 1, sending + not_sent + "<0x80070006>\n",
+             [*sent, "Send 3 00000000000000000000000000000000 0"], refused))
+        for words, settings, status, output, calls, *traces in table:
+            with self.subTest(words, **settings):
+                self.assertEqual(self.control(words, settings), (status, output, calls, traces),
+                                 Path("trace").read_text(errors="replace")[-2000:])
+
+
 @unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithRestoreFilter(story):
     def setUp(self):
@@ -272,11 +338,15 @@ class WithRestoreFilter(story):
 
     def test_restores_from_every_form_of_backing_path(self):
         Path("back/none").write_bytes(b"")
+        with open("back/sparse", "wb") as sparse:
+            os.pwrite(sparse.fileno(), self.content, 5 << 20)
+            os.truncate("back/sparse", 20 << 20)
         Path("back/chunk").write_bytes(self.content[: 1 << 20])
         Path("back/sub/\xe9\u4e2d").write_bytes(self.content)
         opened = self.files_of_filter()
         table = (("C:\\data", "1"), ("c:\\sub\\\xe9\u4e2d", "4"), (r"\\SRV\Share\data", "64"),
-                 (self.folder + "/back/data", "1000"), ("c:\\none", "3"), ("c:\\chunk", "2"))
+                 (self.folder + "/back/data", "1000"), ("c:\\none", "3"), ("c:\\chunk", "2"),
+                 ("c:\\sparse", "2"))
         for index, (backing, reads) in enumerate(table):
             with self.subTest(backing=backing):
                 name = "local%d" % index
@@ -289,6 +359,12 @@ class WithRestoreFilter(story):
                 self.assertEqual((status, output.count("\n")), (0, 3))
                 self.ends_with(name, Path(source).read_bytes())
                 self.assertEqual(send("--stopAggressiveRestore", name), 0)
+        self.assertLess(os.stat(name).st_blocks * 512, 6 << 20)  # the holes are kept
+        self.set_up_file("crashed", "c:\\data")
+        Path("crashed").write_bytes(self.content[:1 << 20])
+        os.truncate("crashed", 3 << 20)  # as if what was written last had not come to the disk
+        self.start("crashed")
+        self.ends_with("crashed", self.content)
         eventually(lambda: self.files_of_filter() <= opened)
 
     def test_example_restores_many(self):
@@ -380,7 +456,7 @@ class WithRestoreFilter(story):
         eventually(lambda: self.files_of_filter() <= opened)
 
     def test_two_starts_stop_kill_and_go_on(self):
-        self.set_up_file("local", "c:\\huge")
+        self.set_up_huge("local")
         self.start("local")
         self.start("local", answer=BUSY)
         eventually(lambda: progress("local")[0] > 0)
@@ -407,11 +483,22 @@ class WithRestoreFilter(story):
         self.start("local", answer=NOT_FOUND)
 
     def test_ends_with_its_file_and_attaches_once(self):
-        self.set_up_file("local", "c:\\huge")
+        self.set_up_huge("local")
         opened = self.files_of_filter()
         self.start("local", 4)
         os.unlink("local")
         eventually(lambda: self.files_of_filter() <= opened)
+        # Descriptors that run out refuse a start, but nobody who asks.
+        resource.prlimit(self.filter.pid, resource.RLIMIT_NOFILE, (opened + 25,) * 2)
+        names = ["file%d" % i for i in range(20)]
+        for name in names:
+            self.set_up_file(name, "c:\\huge")
+        answers = [send("--startAggressiveRestore", name, "1") for name in names]
+        self.assertEqual(answers, sorted(answers))
+        self.assertEqual({answers[0], answers[-1]}, {0, TOO_MANY})
+        for name in names:
+            for word in ("--ping", "--progress", "--stopAggressiveRestore"):
+                self.assertEqual(send(word, name), 0)
         second = subprocess.run([FILTER, "."], capture_output=True, text=True)
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
@@ -432,6 +519,13 @@ class WithRestoreFilter(story):
         subprocess.run(["mount", "-o", "remount,size=9m", "sm all\\"], check=True)
         self.start(local)
         self.ends_with(local, self.content)
+        Path("sm all\\/longest").touch()
+        self.set_up_file("sm all\\/whole", os.path.abspath("sm all\\/longest"))
+        for name in ("longest", "whole"):
+            os.truncate("sm all\\/" + name, (1 << 63) - 1)
+        self.start("sm all\\/whole")
+        eventually(lambda: progress("sm all\\/whole") == ((1 << 63) - 1,) * 2)
+        self.assertEqual(send("--ping", local, program=["unshare", "-m", TOOL]), INVALID)
 
     @unittest.skipUnless(IS_ROOT, "needs root")
     def test_serves_no_other_user(self):
@@ -465,6 +559,16 @@ class WithPeer(story):
                     self.assertEqual(packets[1][:4] + packets[1][12:],
                                      struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
+    @unittest.skipUnless(IS_ROOT, "another user's peer needs root")
+    def test_trusts_no_other_user(self):
+        ok = struct.pack("<I", 0)
+        for word in ("--ping", "--progress"):
+            with monitor() as lines, peer(ok, ok + bytes(16), owner=65534) as packets:
+                self.assertEqual(send(word, "back/data"), BAD_HANDLE)
+            self.assertEqual(packets, [b""])
+            self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
+                                     "error = 0x80070005\n" % PORT])
+
     def test_traces_when_no_filter_is_loaded(self):
         with monitor() as lines, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as idle, \
                 socket.socket(socket.AF_UNIX) as stream:
@@ -481,7 +585,7 @@ class WithFailingCalls(story):
     """Each call of the stand-in to its system fails, by index: it lives on, and what it
     says is true."""
 
-    CALLS = {"openat": 6, "openat2": 2, "pread64": 4, "pwrite64": 3, "newfstatat": 8, "statx": 3,
+    CALLS = {"fdatasync": 2, "lseek": 6, "openat": 6, "openat2": 2, "pread64": 4, "pwrite64": 3, "newfstatat": 8, "statx": 3,
              "readlink": 2, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
              "clone3": 2, "mmap": 4, "getsockopt": 2}
 
@@ -495,6 +599,30 @@ class WithFailingCalls(story):
                 fault = "inject=%s:error=%s:when=%d" % (call, error, use)
                 with self.subTest(fault):
                     self.live_through(fault)
+
+    @unittest.skipIf(IS_SANITIZED, "see above")
+    def test_is_whole_when_it_is_on_the_disk(self):
+        self.set_up_file("local", "c:\\data")
+        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:error=EIO")
+        self.start("local")
+        eventually(lambda: send("--progress", "local") == IO_ERROR)
+        self.stop_filter(self.filter)
+        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:delay_enter=2s")
+        self.start("local")
+        eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
+        self.assertLess(*progress("local"))
+        self.start("local")  # not busy: it is about to end
+        self.ends_with("local", self.content)
+
+    @unittest.skipIf(IS_SANITIZED, "see above")
+    def test_writes_nothing_after_a_stop(self):
+        self.set_up_file("local", "c:\\data")
+        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=pread64:delay_enter=1s")
+        self.start("local")  # and its reads are under way
+        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+        pid = Path("/proc/%d/task/%d/children" % ((self.filter.pid,) * 2)).read_text().strip()
+        eventually(lambda: len(os.listdir("/proc/%s/task" % pid)) == 1)
+        self.assertEqual(progress("local"), (0, len(self.content)))
 
     def live_through(self, fault):
         for name in ("local", "local:restore_filter_tag"):

@@ -98,6 +98,25 @@ TEST(Instances, BuffersGrowToTheirCaps) {
   EXPECT_EQ(now.calls.at(now.calls.size() - 3), "QueryDosDeviceW " + utf8(fileVolume) + " 266240");
 }
 
+TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
+  const std::wstring zero(1, L'\0');
+  for (const std::wstring& name :
+       {zero, L"x" + zero, L"\\\\?\\" + zero, L"\\\\?\\\\" + zero, L"\\\\?\\Volume{}" + zero,
+        fileVolume + L'\\' + zero, L"\\\\?\\" + std::wstring(255, L'x') + L'\\'}) {
+    now = attachedMachine();
+    now.volumes = {{name, {L"\\Device\\V3\0\0", 12}}};
+    EXPECT_EQ(instances().at(1).volumeId, L"");
+    EXPECT_EQ(uses("QueryDosDeviceW"), 0);
+  }
+  now = attachedMachine();
+  now.volumes = {{nameOfVolume(fileVolume), std::wstring(260, L'x')}};
+  EXPECT_EQ(instances().at(1).volumeId, L"");
+  now.volumes[0].name = L"\\\\?\\V\\" + zero;
+  now.volumes[0].devices = {L"\\Device\\V3\0\0", 12};
+  now.nextInstance = 0;
+  EXPECT_EQ(instances().at(1).volumeId, L"V");
+}
+
 TEST(Instances, FailuresAreTraced) {
   const struct {
     std::string call;

@@ -102,6 +102,14 @@ ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec r
                                                      : size - static_cast<ssize_t>(sizeof(result));
 }
 
+// Whether root or this process's own user listens there: anybody can take a port's name.
+bool isTrusted(int port) {
+  ucred listener{};
+  socklen_t size = sizeof(listener);
+  return getsockopt(port, SOL_SOCKET, SO_PEERCRED, &listener, &size) == 0 &&
+         (listener.uid == 0 || listener.uid == geteuid());
+}
+
 }  // namespace
 
 HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, LPVOID buffer,
@@ -145,6 +153,8 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR portName, DWORD, LPCVOID context,
   if (connect(descriptor, address.get(), address.size()) != 0) {
     const bool isAbsent = errno == ECONNREFUSED || errno == ENOENT;
     result = failure(isAbsent ? ERROR_FILE_NOT_FOUND : windowsErrorFor(errno));
+  } else if (!isTrusted(descriptor)) {
+    result = failure(ERROR_ACCESS_DENIED);
   } else if (exchange(descriptor, {{{const_cast<LPVOID>(context), contextSize}, {}}}, result, {}) <
              0) {
     result = failure(ERROR_INVALID_HANDLE);

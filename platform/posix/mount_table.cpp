@@ -114,7 +114,7 @@ std::optional<mounted_volume> findVolumeOf(const char* path) {
 
 std::string volumeIdOf(dev_t device) {
   char digits[idDigits + 5];  // a device number has 64 bits
-  std::snprintf(digits, sizeof(digits), "%0*jx", int{idDigits}, std::uintmax_t{device});
+  std::snprintf(digits, sizeof(digits), "%0*lx", int{idDigits}, device);
   return std::string(idPrefix) + digits + '}';
 }
 
