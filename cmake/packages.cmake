@@ -11,25 +11,34 @@ endif()
 
 install(TARGETS zan_restore DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/zan_restore_filter.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${ZAN_DOCUMENTS})
-install(FILES docs/failures.md docs/restore-filter-contract.md DESTINATION ${ZAN_DOCUMENTS}/docs)
-install(FILES examples/restore-many.ps1 DESTINATION ${ZAN_DOCUMENTS}/examples)
-install(PROGRAMS examples/restore-many.sh DESTINATION ${ZAN_DOCUMENTS}/examples)
-if(NOT WIN32)
+install(FILES README.md CHANGELOG.md DESTINATION ${ZAN_DOCUMENTS})
+install(FILES docs/failures.md docs/fleets.md docs/restore-filter-contract.md
+  DESTINATION ${ZAN_DOCUMENTS}/docs)
+install(DIRECTORY docs/images DESTINATION ${ZAN_DOCUMENTS}/docs)
+if(WIN32)
+  install(DIRECTORY powershell/ZanRestore DESTINATION .) # beside the tool, where it looks for it
+else()
+  install(DIRECTORY powershell DESTINATION ${ZAN_DOCUMENTS})
+  install(PROGRAMS examples/restore-many.sh DESTINATION ${ZAN_DOCUMENTS}/examples)
+  install(FILES completions/zan_restore DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
   # Compressed as Debian wants it: the same bytes at every build.
-  function(install_compressed file name folder)
+  function(compressed file name component folder)
     set(compressed ${PROJECT_BINARY_DIR}/${name}.gz)
     add_custom_command(OUTPUT ${compressed} DEPENDS ${file}
       COMMAND gzip -9nc ${file} > ${compressed})
     add_custom_target(compress_${name} ALL DEPENDS ${compressed})
-    install(FILES ${compressed} DESTINATION ${folder})
+    install(FILES ${compressed} DESTINATION ${folder} ${component})
   endfunction()
-  install_compressed(${PROJECT_SOURCE_DIR}/docs/zan_restore.1 zan_restore.1
-    ${CMAKE_INSTALL_MANDIR}/man1)
-  install_compressed(${PROJECT_SOURCE_DIR}/packaging/changelog changelog ${ZAN_DOCUMENTS})
-  install(FILES packaging/copyright DESTINATION ${ZAN_DOCUMENTS})
-  install(FILES packaging/lintian-overrides RENAME zan-restore
+  compressed(${PROJECT_SOURCE_DIR}/docs/zan_restore.1 zan_restore.1 "" ${CMAKE_INSTALL_MANDIR}/man1)
+  # What only the .deb has, not `cmake --install`.
+  compressed(${PROJECT_SOURCE_DIR}/packaging/changelog changelog "COMPONENT;deb;EXCLUDE_FROM_ALL"
+    ${ZAN_DOCUMENTS})
+  install(FILES packaging/copyright DESTINATION ${ZAN_DOCUMENTS} COMPONENT deb EXCLUDE_FROM_ALL)
+  install(FILES packaging/lintian-overrides RENAME zan-restore COMPONENT deb EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides)
+  set(CPACK_COMPONENTS_ALL Unspecified deb)
+  set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+  set(CPACK_DEB_COMPONENT_INSTALL ON)
 endif()
 
 set(CPACK_PACKAGE_NAME zan-restore)

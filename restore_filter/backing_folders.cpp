@@ -38,7 +38,7 @@ HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
   struct stat status {};
   if (fstat(path.get(), &status) != 0) return hostFailure();
   if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
-  if (!S_ISREG(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
+  if (!S_ISREG(status.st_mode)) return E_INVALIDARG;
   const std::string link = "/proc/self/fd/" + std::to_string(path.get());
   // O_NONBLOCK, so that somebody's lease is a refusal, not a wait.
   file = descriptor(open(link.c_str(), flags | O_CLOEXEC | O_NONBLOCK));

@@ -30,6 +30,6 @@ class backing_folders {
 
 /// Reopens what `path` names with the open(2) `flags`, if it is a regular file;
 /// nothing else is ever opened, so nothing blocks or has side effects. S_OK or an
-/// HRESULT that says why not: ERROR_ACCESS_DENIED for a folder,
-/// ERROR_INVALID_HANDLE for a pipe, a device and the like.
+/// HRESULT that says why not: ERROR_ACCESS_DENIED for a folder, E_INVALIDARG for a pipe,
+/// a device and the like.
 HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file);

@@ -27,11 +27,11 @@ std::string pathOf(const descriptor& file) { return "/proc/self/fd/" + std::to_s
 
 // Takes an own reference to the file that the sender's handle stands for.
 HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
-  if (handle > INT_MAX) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
+  if (handle > INT_MAX) return E_INVALIDARG;
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
   path = descriptor(open(link.c_str(), O_PATH | O_CLOEXEC));
   if (!path.isOpen()) {
-    return HRESULT_FROM_WIN32(errno == ENOENT ? ERROR_INVALID_HANDLE : windowsErrorFor(errno));
+    return errno == ENOENT ? E_INVALIDARG : HRESULT_FROM_WIN32(windowsErrorFor(errno));
   }
   return S_OK;
 }
@@ -70,7 +70,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   const auto restored = restorations.find(key);
   if (isStop && restored != restorations.end()) {  // whatever became of its tag
     restored->second->end();
-    restorations.erase(restored);
+    if (!restored->second->isRunning()) restorations.erase(restored);
     return S_OK;
   }
 
@@ -107,18 +107,25 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
   const HRESULT opened = backingFolders.openFile(backingPath, backing);
   if (opened != S_OK) return opened;
 
+  file_key backingKey;
+  const HRESULT known = keyOf(backing.get(), backingKey);
+  if (known != S_OK || backingKey == key) return known != S_OK ? known : E_INVALIDARG;
   if (descriptorsLeft(backing, reservedDescriptors) < 0) {
     return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
   }
 
   const auto found = restorations.find(key);
   if (found != restorations.end()) {
-    if (!found->second->isFinishing()) return HRESULT_FROM_WIN32(ERROR_BUSY);
-    // Begun anew, since the backing file may be longer by now.
-    found->second->end();
+    return found->second->isFinishing() ? S_OK : HRESULT_FROM_WIN32(ERROR_BUSY);
+  }
+  failures.erase(key);
+  struct stat localStatus {};
+  struct stat backingStatus {};
+  if (fstat(file.get(), &localStatus) == 0 && fstat(backing.get(), &backingStatus) == 0 &&
+      localStatus.st_size == backingStatus.st_size) {
+    return S_OK;  // whole already
   }
   std::shared_ptr<restoration>& slot = restorations[key];
-  failures.erase(key);
   try {
     slot = std::make_shared<restoration>(std::move(file), std::move(backing));
     slot->start(std::min(how.concurrentReads, mostReads));
@@ -145,6 +152,7 @@ HRESULT message_handler::queryProgress(file_key key, int file, const std::string
   }
   progress.progress = static_cast<std::uint64_t>(localStatus.st_size);
   progress.total = static_cast<std::uint64_t>(backingStatus.st_size);
+  if (progress.progress > progress.total) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   // It is whole when its last bytes are on the disk, and the restoration has ended.
   if (restorations.contains(key) && progress.progress >= progress.total && progress.total > 0) {
     progress.progress = progress.total - 1;

@@ -32,6 +32,8 @@ std::uint64_t seek(int file, std::uint64_t offset, int what) {
 // How much of the local file is restored: up to its end, or to a hole where the backing
 // file has data. Such a hole is what a crash leaves of data that was not on the disk yet.
 std::uint64_t restoredSize(int local, int backing) {
+  // Pages of zeros that somebody has read into memory would hide such a hole.
+  posix_fadvise(local, 0, 0, POSIX_FADV_DONTNEED);
   const std::uint64_t size = sizeOf(local);
   std::uint64_t hole = seek(local, 0, SEEK_HOLE);
   while (hole < size) {
@@ -49,9 +51,7 @@ restoration::restoration(descriptor localFile, descriptor backingFile)
     : local(std::move(localFile)),
       backing(std::move(backingFile)),
       sizeAtStart(sizeOf(local.get())),
-      // A whole file is left alone.
-      nextRead(sizeAtStart < sizeOf(backing.get()) ? restoredSize(local.get(), backing.get())
-                                                   : sizeAtStart),
+      nextRead(restoredSize(local.get(), backing.get())),
       nextWrite(nextRead) {}
 
 void restoration::start(int reads) {
@@ -79,12 +79,12 @@ void restoration::end() {
 
 bool restoration::isRunning() {
   const std::lock_guard lock(mutex);
-  return running > 0;
+  return running > 0 && (!isEnding || isWriting || isSyncing);
 }
 
 bool restoration::isFinishing() {
   const std::lock_guard lock(mutex);
-  return isAtEnd;
+  return isAtEnd && !isEnding;
 }
 
 HRESULT restoration::failure() {
@@ -220,13 +220,26 @@ HRESULT restoration::writeLast(const piece& chunk) {
     const std::lock_guard lock(mutex);
     isAtEnd = true;
   }
-  if (chunk.size == 0) return S_OK;
-  const std::uint64_t lastBlock = (chunk.offset + chunk.size - 1) / blockSize * blockSize;
+  const std::uint64_t end = chunk.offset + chunk.size;
+  const std::uint64_t lastBlock = end == 0 ? 0 : (end - 1) / blockSize * blockSize;
   const auto body = static_cast<std::size_t>(std::max(lastBlock, chunk.offset) - chunk.offset);
-  HRESULT failed = write(chunk, 0, body);
-  if (failed == S_OK && fdatasync(local.get()) != 0) failed = hostFailure();
-  if (failed == S_OK) failed = write(chunk, body, chunk.size);
-  if (failed == S_OK && fdatasync(local.get()) != 0) failed = hostFailure();
+  HRESULT failed = write(chunk, 0, std::min(body, chunk.size));
+  if (failed == S_OK) failed = bringToDisk();
+  if (failed == S_OK) failed = write(chunk, std::min(body, chunk.size), chunk.size);
+  return failed == S_OK ? bringToDisk() : failed;
+}
+
+HRESULT restoration::bringToDisk() {
+  {
+    const std::lock_guard lock(mutex);
+    if (isEnding) return S_OK;
+    isSyncing = true;
+  }
+  HRESULT failed = fdatasync(local.get()) == 0 ? S_OK : hostFailure();
+  if (failed != S_OK && ftruncate(local.get(), 0) != 0) failed = hostFailure();
+  const std::lock_guard lock(mutex);
+  isSyncing = false;
+  if (failed != S_OK && isEnding) result = failed;  // what was lost counts, also after a stop
   return failed;
 }
 

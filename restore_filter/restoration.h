@@ -16,7 +16,8 @@
 /// from there: it takes what it finds for such a beginning. Holes are kept. The last
 /// block is written when all before it is on the disk, so a file as long as its backing
 /// file is whole, after a crash of the machine too; one that is shorter may then have a
-/// hole that its backing file has not, and a new restoration goes on from that hole.
+/// hole that its backing file has not, and a new restoration goes on from that hole. When
+/// bringing it to the disk fails nobody knows what was lost, and the file is emptied.
 class restoration : public std::enable_shared_from_this<restoration> {
  public:
   /// Takes both files, `local` open for reading and writing.
@@ -27,12 +28,14 @@ class restoration : public std::enable_shared_from_this<restoration> {
   void start(int reads);
 
   /// Ends it, and the local file keeps what it has. Nothing is written once this has
-  /// returned; a read under way ends on its own.
+  /// returned; what is under way to or from a disk ends on its own.
   void end();
 
+  /// Whether the local file may still change, or its failure come. Reads that hang when
+  /// all else has ended don't count.
   bool isRunning();
-  /// Whether it has come to the end of the backing file: what is left is to bring the
-  /// last of it to the disk.
+  /// Whether it has come to the end of the backing file and was not told to end: what is
+  /// left is to bring the last of it to the disk.
   bool isFinishing();
   /// Why it ended before the whole file was restored; S_OK when it didn't.
   HRESULT failure();
@@ -55,6 +58,7 @@ class restoration : public std::enable_shared_from_this<restoration> {
   HRESULT write(const piece& chunk, std::size_t from, std::size_t to);
   HRESULT append(const piece& chunk, std::size_t from, std::size_t to) const;
   HRESULT writeLast(const piece& chunk);
+  HRESULT bringToDisk();
   void finish(HRESULT reason);
 
   const descriptor local;
@@ -67,6 +71,7 @@ class restoration : public std::enable_shared_from_this<restoration> {
   std::uint64_t nextRead;   // offset of the next chunk to read
   std::uint64_t nextWrite;  // offset up to which the local file is restored
   bool isWriting = false;
+  bool isSyncing = false;
   bool isAtEnd = false;
   int running = 0;  // threads that have not ended
   HRESULT result = S_OK;

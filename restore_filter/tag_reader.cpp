@@ -52,6 +52,11 @@ HRESULT readTagOf(int file, std::string& backingPath) {
   if (!stream.isOpen()) {
     return errno == ENOENT ? notTagged : HRESULT_FROM_WIN32(windowsErrorFor(errno));
   }
+  // Whoever may create files here could have laid the stream beside the file.
+  if (fstat(stream.get(), &status) != 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (status.st_uid != 0 && status.st_uid != geteuid()) {
+    return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  }
   // One byte more than a record, to see whether there is more.
   std::string content(sizeof(RestoreTagRecord) + 1, '\0');
   const ssize_t size = read(stream.get(), content.data(), content.size());

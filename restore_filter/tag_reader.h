@@ -11,5 +11,5 @@
 HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath);
 
 /// Reads the tag of the file that `file` is open on. Also ERROR_NOT_FOUND when it
-/// has none.
+/// has none, and ERROR_ACCESS_DENIED when that is neither this process's user's nor root's.
 HRESULT readTagOf(int file, std::string& backingPath);

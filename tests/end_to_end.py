@@ -2,11 +2,12 @@
 """End to end: the built program on real file systems, and filter control against the
 built restore_filter and a peer that speaks the ports' framing and says what a test wants.
 
-    end_to_end.py ZAN_RESTORE RESTORE_FILTER    # Linux; as root more file systems and users
-    end_to_end.py WINE ZAN_RESTORE.EXE          # control against the fltlib.dll of the tests
+    end_to_end.py ZAN_RESTORE RESTORE_FILTER         # Linux; as root more file systems and users
+    end_to_end.py ZAN_RESTORE RESTORE_FILTER PWSH    # the PowerShell module alone
+    end_to_end.py WINE ZAN_RESTORE.EXE               # control against the fltlib.dll of the tests
 """
 
-import contextlib, ctypes, fcntl, itertools, os, random, re, resource, shutil, signal, socket, struct
+import contextlib, ctypes, fcntl, itertools, os, pty, random, re, resource, shutil, signal, socket, struct
 import subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
@@ -362,29 +363,48 @@ class WithRestoreFilter(story):
         self.assertLess(os.stat(name).st_blocks * 512, 6 << 20)  # the holes are kept
         self.set_up_file("crashed", "c:\\data")
         Path("crashed").write_bytes(self.content[:1 << 20])
-        os.truncate("crashed", 3 << 20)  # as if what was written last had not come to the disk
+        # As if what was written last had not come to the disk, and somebody had read it.
+        subprocess.run(["fallocate", "-l", "3MiB", "crashed"], check=True)
+        Path("crashed").read_bytes()
         self.start("crashed")
         self.ends_with("crashed", self.content)
         eventually(lambda: self.files_of_filter() <= opened)
 
+    def restore_many(self, *words, text, **options):
+        done = subprocess.run([SOURCE + "/examples/restore-many.sh", *words], input=text.encode(), timeout=60,
+                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
+                                   "STALL_SECONDS": "1"},
+                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        return done.returncode, sorted(done.stdout.decode().splitlines()), sorted((done.stderr or b"").decode().splitlines())
+
     def test_example_restores_many(self):
         Path("taken").write_bytes(b"mine")
-        files = {"one": "c:\\data", "two \xe9": r"\\srv\share\data", "taken": "c:\\data", "bad": "c:\\x"}
-        listed = "\n".join("%s\t%s" % pair for pair in files.items())  # no line end at the end
-        done = subprocess.run([os.path.join(SOURCE, "examples/restore-many.sh"), "4"], text=True,
-                              input=listed, capture_output=True,
-                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"]})
-        self.assertEqual((done.returncode, set(done.stdout.splitlines())),
-                         (1, {"one: whole", "two \xe9: whole"}))
-        self.assertIn("taken: not set up: create local file failed: 50", done.stderr)
-        self.assertIn("bad: not started: ", done.stderr)
+        Path("back/none").touch()
+        self.set_up_file("other", "c:\\none")
+        listed = ("one\tc:\\data\r\ntwo \xe9\t\\\\srv\\share\\data\n-dash\tc:\\data\ntaken\tc:\\data\n\n"
+                  "other\tc:\\data\nempty\tc:\\none\nbad\tc:\\x\nno tab\nnopath\t")  # no line end at the end
+        for _ in (1, 2):
+            self.assertEqual(self.restore_many("4", text=listed), (
+                1, ["./-dash: whole", "one: whole", "two \xe9: whole"],
+                ["bad: not started: message not sent to port: %s; 0x80070002 FilterSendMessage" % PORT,
+                 "empty: stands still: progress: 0x0 of 0x0", "no tab: not set up: no tab and backing path behind it",
+                 "nopath: not set up: the backing path is empty or too long",
+                 *("%s: not set up: exists, and has no tag for this backing path" % name for name in ("other", "taken"))]))
         for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
             self.assertEqual(Path(name).read_bytes(), content)
+        terminal, other_end = pty.openpty()
+        zeros = "a\tb\0c:\\data\0c\nd\0c:\\data\0"
+        self.assertEqual(self.restore_many("-0", "4", text=zeros, stderr=other_end)[0], 0)
+        self.assertIn(b"2 of 2 files whole, ", os.read(terminal, 10000))
+        for name in ("a\tb", "c\nd"):
+            self.assertEqual(Path(name).read_bytes(), self.content)
+        for words in ((), ("x",), ("-0",), ("4", "extra")):
+            self.assertEqual(self.restore_many(*words, text=""), (1, [], ["usage: restore-many.sh [-0] READS < LIST"]))
 
     def test_refuses_and_leaves_untouched(self):
         os.symlink("/etc/passwd", "back/out")
         os.mkfifo("back/pipe")
-        self.assertEqual(send("--ping", "back/pipe"), BAD_HANDLE)
+        self.assertEqual(send("--ping", "back/pipe"), INVALID)
         shutil.copy("back/data", "back/leased")
         leased = os.open("back/leased", os.O_RDWR)
         fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
@@ -399,7 +419,7 @@ class WithRestoreFilter(story):
                  ("c:\\nothing", NOT_FOUND), ("c:\\", NOT_FOUND), ("d:\\data", NO_PATH),
                  (r"\\srv\other\data", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
                  ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED),
-                 ("c:\\pipe", BAD_HANDLE), ("c:\\leased", LEASED)]
+                 ("c:\\pipe", INVALID), ("c:\\leased", LEASED)]
         for index, (given, expected) in enumerate(table):
             with self.subTest(tag=given and given[:40]):
                 name = "bad%d" % index
@@ -417,6 +437,12 @@ class WithRestoreFilter(story):
             make("linked:restore_filter_tag")
             self.assertNotIn(send("--progress", "linked"), (0, None))
             os.unlink("linked:restore_filter_tag")
+        if IS_ROOT:
+            os.chown("good:restore_filter_tag", 65534, 65534)
+            self.start("good", 2, DENIED)
+            os.chown("good:restore_filter_tag", 0, 0)
+        self.set_up_file("itself", os.path.abspath("itself"))
+        self.start("itself", 2, INVALID)
         self.start("good", 0, INVALID)
         self.start("good", -1, INVALID)
 
@@ -429,9 +455,8 @@ class WithRestoreFilter(story):
         self.assertEqual(client.send(handle, 0), 0)
         self.assertEqual(client.send(handle, 4), INVALID)
         self.assertEqual(client.send(handle, 1, 0, 4), NOT_TAGGED)
-        for bad, expected in ((os.open("back", os.O_RDONLY), DENIED), (pipe, BAD_HANDLE),
-                              (client.socket.fileno(), BAD_HANDLE), (999, BAD_HANDLE),
-                              (1 << 40, BAD_HANDLE), (os.open("/proc/self/stat", 0), INVALID)):
+        for bad, expected in ((os.open("back", os.O_RDONLY), DENIED), (pipe, INVALID),
+                              (client.socket.fileno(), INVALID), (999, INVALID), (1 << 40, INVALID), (os.open("/proc/self/stat", 0), INVALID)):
             self.assertEqual(client.send(bad, 0), expected)
         self.assertEqual(tool("--ping", "back"), (1, "Cannot open local file: path = back\n"))
         self.set_up_file("gone (deleted)", "c:\\data")
@@ -441,7 +466,7 @@ class WithRestoreFilter(story):
         for size in (1, 3, 4, 27, 29, 64, 65, 5000):
             self.assertEqual(client.exchange(b"\xff" * size), INVALID)
         for _ in range(300):
-            self.assertIn(client.exchange(random.randbytes(28)), (BAD_HANDLE, INVALID))
+            self.assertEqual(client.exchange(random.randbytes(28)), INVALID)
         silent[-1].socket.settimeout(0.5)
         with contextlib.suppress(OSError):  # it reads no answer, until nothing more is taken
             while True:
@@ -503,7 +528,7 @@ class WithRestoreFilter(story):
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
 
-    @unittest.skipUnless(IS_ROOT, "needs root")
+    @unittest.skipUnless(IS_ROOT, "a small volume and another mount name space need root")
     def test_full_disk_and_other_volume(self):
         local = "sm all\\/local"
         mount("tmpfs", "none", "sm all\\", "size=1m", self)
@@ -527,7 +552,7 @@ class WithRestoreFilter(story):
         eventually(lambda: progress("sm all\\/whole") == ((1 << 63) - 1,) * 2)
         self.assertEqual(send("--ping", local, program=["unshare", "-m", TOOL]), INVALID)
 
-    @unittest.skipUnless(IS_ROOT, "needs root")
+    @unittest.skipUnless(IS_ROOT, "another user needs root")
     def test_serves_no_other_user(self):
         os.chmod(self.folder, 0o755)  # and nobody may not come to where the tool is
         shutil.copy(TOOL, "tool")
@@ -535,6 +560,17 @@ class WithRestoreFilter(story):
             self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), BAD_HANDLE)
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
                                  "error = 0x80070005\n" % PORT])
+
+
+@unittest.skipUnless(sys.argv[3:], "in a test of its own")
+class WithPowerShell(story):
+    def test_module(self):
+        Path("back/none").write_bytes(b"")
+        self.assertTrue(self.start_filter())
+        done = subprocess.run([sys.argv[3], "-NoProfile", "-NonInteractive", "-File", SOURCE + "/tests/module_test.ps1"],
+                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
+                                   "HOME": self.folder, "NO_COLOR": "1"}, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300)
+        self.assertEqual(done.returncode, 0, done.stdout)
 
 
 @unittest.skipIf(IS_WINDOWS, "for Linux")
@@ -559,7 +595,7 @@ class WithPeer(story):
                     self.assertEqual(packets[1][:4] + packets[1][12:],
                                      struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
-    @unittest.skipUnless(IS_ROOT, "another user's peer needs root")
+    @unittest.skipUnless(IS_ROOT, "another user needs root")
     def test_trusts_no_other_user(self):
         ok = struct.pack("<I", 0)
         for word in ("--ping", "--progress"):
@@ -591,21 +627,22 @@ class WithFailingCalls(story):
 
     def test_lives_on(self):
         if IS_SANITIZED:
-            self.skipTest("the sanitizer's own calls would fail")
+            self.skipTest("with sanitizers")
         if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
-            self.skipTest("strace can't trace here")
+            self.skipTest("failing system calls: strace cannot trace here")
         for call, uses in self.CALLS.items():
             for error, use in itertools.product(("EIO", "EINTR", "ENOMEM"), range(1, uses + 1)):
                 fault = "inject=%s:error=%s:when=%d" % (call, error, use)
                 with self.subTest(fault):
                     self.live_through(fault)
 
-    @unittest.skipIf(IS_SANITIZED, "see above")
+    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
     def test_is_whole_when_it_is_on_the_disk(self):
         self.set_up_file("local", "c:\\data")
         self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:error=EIO")
         self.start("local")
         eventually(lambda: send("--progress", "local") == IO_ERROR)
+        self.assertEqual(os.path.getsize("local"), 0)  # what was lost can't be told
         self.stop_filter(self.filter)
         self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:delay_enter=2s")
         self.start("local")
@@ -614,7 +651,7 @@ class WithFailingCalls(story):
         self.start("local")  # not busy: it is about to end
         self.ends_with("local", self.content)
 
-    @unittest.skipIf(IS_SANITIZED, "see above")
+    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
     def test_writes_nothing_after_a_stop(self):
         self.set_up_file("local", "c:\\data")
         self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=pread64:delay_enter=1s")
@@ -635,7 +672,7 @@ class WithFailingCalls(story):
                 self.assertTrue(self.content.startswith(Path("local").read_bytes()))
                 if now == (len(self.content),) * 2:
                     break
-            self.assertTrue(now is None or now[0] == os.path.getsize("local"), now)
+            eventually(lambda: progress("local") in (None, (os.path.getsize("local"), len(self.content))))
             eventually(lambda: send("--ping", "local") == 0)
         else:  # it could not begin, and said so
             self.assertEqual(self.filter.wait(20), 1)
@@ -645,4 +682,4 @@ class WithFailingCalls(story):
 if __name__ == "__main__":
     if IS_ROOT:  # a network name space of its own: no port of another stand-in is in the way
         ctypes.CDLL(None).unshare(0x40000000)
-    unittest.main(argv=sys.argv[:1], warnings="ignore")
+    unittest.main(argv=[sys.argv[0], *["WithPowerShell" for _ in sys.argv[3:]]], verbosity=2, warnings="ignore")

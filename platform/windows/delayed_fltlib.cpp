@@ -8,14 +8,13 @@
 
 namespace {
 
-FARPROC WINAPI loadFromSystem32(unsigned event, PDelayLoadInfo) {
-  if (event != dliNotePreLoadLibrary) return nullptr;
-  return reinterpret_cast<FARPROC>(
-      LoadLibraryExW(L"fltlib.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+FARPROC WINAPI lookInSystem32(unsigned event, PDelayLoadInfo) {
+  if (event == dliNotePreLoadLibrary) SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+  return nullptr;
 }
 
 }  // namespace
 
 extern "C" {
-PfnDliHook __pfnDliNotifyHook2 = loadFromSystem32;
+PfnDliHook __pfnDliNotifyHook2 = lookInSystem32;
 }

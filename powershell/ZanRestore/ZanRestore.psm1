@@ -1,0 +1,388 @@
+# Restorations from PowerShell: zan_restore with pipelines, errors and progress. For Windows
+# PowerShell 5.1 and PowerShell 7, on Windows and on Linux.
+
+Set-StrictMode -Version Latest
+
+$script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
+$script:generalFailure = [Convert]::ToInt32('80004005', 16)
+$script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
+$script:alreadyThere = [Convert]::ToInt32('80070050', 16)
+
+# The tool: beside the module, that is in its folder or the one above, then in the path.
+function Find-Tool {
+    $name = if ($script:isOnWindows) { 'zan_restore.exe' } else { 'zan_restore' }
+    foreach ($folder in $PSScriptRoot, (Split-Path $PSScriptRoot)) {
+        $candidate = Join-Path $folder $name
+        if (Test-Path -LiteralPath $candidate -PathType Leaf) { return $candidate }
+    }
+    $found = @(Get-Command -Name $name -CommandType Application -ErrorAction Ignore)
+    if ($found) { return $found[0].Path }
+    throw [IO.FileNotFoundException]::new(
+        "$name was found neither beside the module ($PSScriptRoot) nor in the path.", $name)
+}
+
+# One command line out of many words, as every Windows program takes it apart: a quote inside
+# a word and the backslashes before it, or at the end of a quoted word, are escaped.
+function Join-Words([string[]] $Words) {
+    $quoted = foreach ($word in $Words) {
+        if ($word -ne '' -and $word -notmatch '[\s"]') { $word; continue }
+        '"' + ($word -replace '(\\*)"', '$1$1\"' -replace '(\\+)$', '$1$1') + '"'
+    }
+    $quoted -join ' '
+}
+
+# Runs the tool: its status, what it printed (read as UTF-8, whatever the console's encoding)
+# and, when it failed, the HRESULT in that.
+function Invoke-Tool([string[]] $Words) {
+    $start = [Diagnostics.ProcessStartInfo]::new((Find-Tool), (Join-Words $Words))
+    $start.UseShellExecute = $false
+    $start.CreateNoWindow = $true
+    $start.RedirectStandardOutput = $true
+    $start.RedirectStandardError = $true
+    $start.StandardOutputEncoding = $start.StandardErrorEncoding = [Text.UTF8Encoding]::new($false)
+    $process = [Diagnostics.Process]::Start($start)
+    try {
+        $errors = $process.StandardError.ReadToEndAsync()
+        $text = ($process.StandardOutput.ReadToEnd() + $errors.Result).Trim()
+        $process.WaitForExit()
+        $hresult = 0
+        if ($process.ExitCode -ne 0) {
+            $hresult = $script:generalFailure
+            if ($text -match '(?m)^0x([0-9a-f]{1,8})\[') {
+                $hresult = [Convert]::ToInt32($Matches[1], 16)
+            } elseif ($text -match '^(?:create|writing) .* failed: ([0-9a-f]{1,4})$') {
+                $hresult = [Convert]::ToInt32('8007' + $Matches[1].PadLeft(4, '0'), 16)
+            }
+        }
+        [pscustomobject]@{ Status = $process.ExitCode; Text = $text; HResult = $hresult }
+    } finally {
+        $process.Dispose()
+    }
+}
+
+# The whole path of a file, made from the current location or a PSDrive; wildcards are
+# ordinary characters.
+function Resolve-File([string] $Path, $Cmdlet) {
+    if ($Path -match '[. ]$' -and $Path -notmatch '(^|[\\/])\.{1,2}$') {
+        throw [ArgumentException]::new(
+            "'$Path' ends in a dot or a blank, which Windows trims: write the name without it.")
+    }
+    $Cmdlet.GetUnresolvedProviderPathFromPSPath($Path)
+}
+
+# One non-terminating error for a file: the tool's own lines, and their HRESULT.
+function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] $Id, $Cmdlet) {
+    if ($Text -eq '') { $Text = 'zan_restore failed without a word: is the backing path empty or too long?' }
+    $failure = [Runtime.InteropServices.ExternalException]::new("${File}: $Text", $HResult)
+    $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new($failure, $Id, 'NotSpecified', $File))
+}
+
+# The same for what went wrong before the tool was asked.
+function Write-Refusal($Reason, [string] $File, $Cmdlet) {
+    $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new(
+            $Reason.Exception, 'ZanRestore.Refused', 'InvalidArgument', $File))
+}
+
+# Whether the file has a tag that names this backing file; the tag's layout is the filter's
+# contract.
+function Test-Tag([string] $File, [string] $BackingPath) {
+    $stream = "${File}:restore_filter_tag"
+    if ($script:isOnWindows) {
+        $asBytes = @{ Encoding = 'Byte' }
+        if ($PSVersionTable.PSVersion.Major -ge 6) { $asBytes = @{ AsByteStream = $true } }
+        $tag = Get-Content -LiteralPath $File -Stream restore_filter_tag -Raw -ErrorAction Ignore @asBytes
+    } else {
+        $tag = if ([IO.File]::Exists($stream)) { , [IO.File]::ReadAllBytes($stream) }
+    }
+    $tag = [byte[]] @($tag)
+    if ($tag.Length -ne 16376) { return $false }
+    $path = if ($BackingPath.IndexOf(':') -eq 1) { '\??\' + $BackingPath }
+    elseif ($BackingPath.StartsWith('\\')) { '\Device\Mup' + $BackingPath.Substring(1) }
+    else { $BackingPath }
+    [Text.Encoding]::Unicode.GetString($tag, 36, [BitConverter]::ToUInt16($tag, 26)) -ceq $path
+}
+
+# Asks for the progress of a file, given by its whole path; null after an error.
+function Read-Progress([string] $File, $Cmdlet) {
+    $answer = Invoke-Tool '--progress', $File
+    if ($answer.Status -ne 0 -or $answer.Text -notmatch '^progress: 0x([0-9a-f]+) of 0x([0-9a-f]+)$') {
+        Write-Failure $File $answer.Text $answer.HResult 'ZanRestore.Progress' $Cmdlet
+        return
+    }
+    $done = [Convert]::ToUInt64($Matches[1], 16)
+    $total = [Convert]::ToUInt64($Matches[2], 16)
+    $isWhole = $done -eq $total -and $total -gt 0
+    $percent = 0
+    if ($isWhole) { $percent = 100 }
+    elseif ($total -gt 0) { $percent = [int] [Math]::Min(99, [Math]::Floor(100.0 * $done / $total)) }
+    [pscustomobject]@{
+        PSTypeName = 'ZanRestore.Progress'
+        Path = $File; Progress = $done; Total = $total; PercentComplete = $percent; IsWhole = $isWhole
+    }
+}
+
+function New-ZanRestore {
+    <#
+    .SYNOPSIS
+    Sets a restore up: creates a local file, new and empty, with a tag that names its backing file.
+    .DESCRIPTION
+    A file that exists is never touched. One that already has a tag for the same backing file is
+    passed on, so that a list can be run again; any other is an error.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .PARAMETER BackingPath
+    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as it is given;
+    nothing checks that it exists.
+    .PARAMETER ConcurrentReads
+    With it, the file is to be restored aggressively with so many concurrent backing reads.
+    .OUTPUTS
+    System.IO.FileInfo: the file.
+    .EXAMPLE
+    New-ZanRestore d:\vm\disk.vhd \\srv\share\disk.vhd -ConcurrentReads 4
+    .EXAMPLE
+    Import-Csv list.csv | New-ZanRestore | Start-ZanRestore -ConcurrentReads 4 | Wait-ZanRestore
+
+    Sets up, starts and waits for all files of a list with the columns File and Backing.
+    #>
+    [CmdletBinding(SupportsShouldProcess)]
+    [OutputType([IO.FileInfo])]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path,
+        [Parameter(Mandatory, Position = 1, ValueFromPipelineByPropertyName)]
+        [Alias('Backing')] [AllowEmptyString()] [string] $BackingPath,
+        [Parameter(ValueFromPipelineByPropertyName)] [int] $ConcurrentReads
+    )
+    process {
+        try {
+            $file = Resolve-File $Path $PSCmdlet
+            if (-not $PSCmdlet.ShouldProcess($file, "set up to be restored from $BackingPath")) { return }
+            $words = @($file, $BackingPath)
+            if ($PSBoundParameters.ContainsKey('ConcurrentReads')) { $words += 'simple', "$ConcurrentReads" }
+            $answer = Invoke-Tool $words
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+            return
+        }
+        if ($answer.Status -eq 0) {
+            Get-Item -LiteralPath $file -Force
+        } elseif ($answer.HResult -eq $script:alreadyThere -and (Test-Tag $file $BackingPath)) {
+            Write-Verbose "${file}: has its tag already"
+            Get-Item -LiteralPath $file -Force
+        } else {
+            Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.SetUp' $PSCmdlet
+        }
+    }
+}
+
+function Start-ZanRestore {
+    <#
+    .SYNOPSIS
+    Starts the aggressive restoration of a file that has been set up.
+    .DESCRIPTION
+    Returns when the restoration has begun; Wait-ZanRestore waits for its end. A file that is
+    being restored already is passed on.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .PARAMETER ConcurrentReads
+    The number of concurrent reads of the backing file; 4 is a fair start.
+    .OUTPUTS
+    System.IO.FileInfo: the file.
+    .EXAMPLE
+    Get-ChildItem d:\vm\*.vhd | Start-ZanRestore -ConcurrentReads 4 | Wait-ZanRestore
+    #>
+    [CmdletBinding(SupportsShouldProcess)]
+    [OutputType([IO.FileInfo])]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipeline, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path,
+        [Parameter(Mandatory, Position = 1, ValueFromPipelineByPropertyName)] [int] $ConcurrentReads
+    )
+    process {
+        try {
+            $file = Resolve-File $Path $PSCmdlet
+            if (-not $PSCmdlet.ShouldProcess($file, "start aggressive restoration with $ConcurrentReads reads")) { return }
+            $answer = Invoke-Tool '--startAggressiveRestore', "$ConcurrentReads", $file
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+            return
+        }
+        if ($answer.Status -ne 0 -and $answer.HResult -ne $script:alreadyRunning) {
+            Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.Start' $PSCmdlet
+            return
+        }
+        if ($answer.Status -ne 0) { Write-Verbose "${file}: is being restored already" }
+        Get-Item -LiteralPath $file -Force
+    }
+}
+
+function Stop-ZanRestore {
+    <#
+    .SYNOPSIS
+    Stops the aggressive restoration of a file.
+    .DESCRIPTION
+    The file keeps what it has; Start-ZanRestore goes on from there.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .EXAMPLE
+    Stop-ZanRestore d:\vm\disk.vhd
+    #>
+    [CmdletBinding(SupportsShouldProcess)]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipeline, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path
+    )
+    process {
+        try {
+            $file = Resolve-File $Path $PSCmdlet
+            if (-not $PSCmdlet.ShouldProcess($file, 'stop aggressive restoration')) { return }
+            $answer = Invoke-Tool '--stopAggressiveRestore', $file
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+            return
+        }
+        if ($answer.Status -ne 0) { Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.Stop' $PSCmdlet }
+    }
+}
+
+function Test-ZanRestore {
+    <#
+    .SYNOPSIS
+    Asks whether the restore filter answers for a file.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .OUTPUTS
+    System.Boolean. With -Verbose the tool's own lines tell why it is false.
+    .EXAMPLE
+    if (-not (Test-ZanRestore d:\vm\disk.vhd)) { fltmc attach zan_restore_filter d: }
+    #>
+    [CmdletBinding()]
+    [OutputType([bool])]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipeline, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path
+    )
+    process {
+        try {
+            $answer = Invoke-Tool '--ping', (Resolve-File $Path $PSCmdlet)
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+            return
+        }
+        Write-Verbose $answer.Text
+        $answer.Status -eq 0
+    }
+}
+
+function Get-ZanRestoreProgress {
+    <#
+    .SYNOPSIS
+    Tells how far the restoration of a file has come.
+    .DESCRIPTION
+    Progress and Total are in the filter's own unit. A file is whole when they are equal and not 0.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .OUTPUTS
+    An object with Path, Progress, Total, PercentComplete and IsWhole.
+    .EXAMPLE
+    Get-ChildItem d:\vm\*.vhd | Get-ZanRestoreProgress | Where-Object { -not $_.IsWhole }
+    #>
+    [CmdletBinding()]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipeline, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path
+    )
+    process {
+        try {
+            Read-Progress (Resolve-File $Path $PSCmdlet) $PSCmdlet
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+        }
+    }
+}
+
+function Wait-ZanRestore {
+    <#
+    .SYNOPSIS
+    Waits until files are whole, all at once, and shows how far they are.
+    .DESCRIPTION
+    One progress bar shows all files, another the slowest. A file whose progress stands still
+    for longer than StallTimeout has been given up by the filter, and is an error.
+    .PARAMETER Path
+    The local file. A relative path starts at the current location.
+    .PARAMETER StallTimeout
+    Seconds, 60 unless given.
+    .OUTPUTS
+    The last progress of each file, as of Get-ZanRestoreProgress, when it is known.
+    .EXAMPLE
+    Get-ChildItem d:\vm\*.vhd | Wait-ZanRestore -StallTimeout 300 | Format-Table
+    #>
+    [CmdletBinding()]
+    param(
+        [Parameter(Mandatory, Position = 0, ValueFromPipeline, ValueFromPipelineByPropertyName)]
+        [Alias('FullName', 'File')] [string] $Path,
+        [ValidateRange(1, 2147483)] [int] $StallTimeout = 60
+    )
+    begin {
+        $last = [ordered]@{} # of each file, null as long as it is not known
+        $since = @{} # when that was new
+    }
+    process {
+        try {
+            $file = Resolve-File $Path $PSCmdlet
+            $last[$file] = $null
+            $since[$file] = [DateTime]::UtcNow
+        } catch {
+            Write-Refusal $_ $Path $PSCmdlet
+        }
+    }
+    end {
+        $waiting = @($last.Keys)
+        $whole = 0
+        try {
+            while ($waiting) {
+                $waiting = @(foreach ($file in $waiting) {
+                        try {
+                            $now = Read-Progress $file $PSCmdlet
+                        } catch {
+                            Write-Refusal $_ $file $PSCmdlet
+                            $now = $null
+                        }
+                        $before = $last[$file]
+                        if ($now) { $last[$file] = $now }
+                        if (-not $now -or $now.IsWhole) { # it is over
+                            if ($now) { $whole++ }
+                            if ($last[$file]) { $PSCmdlet.WriteObject($last[$file]) }
+                            continue
+                        }
+                        if (-not $before -or $before.Progress -ne $now.Progress -or $before.Total -ne $now.Total) {
+                            $since[$file] = [DateTime]::UtcNow
+                        } elseif (([DateTime]::UtcNow - $since[$file]).TotalSeconds -gt $StallTimeout) {
+                            $text = "stands still at $($now.Progress) of $($now.Total)"
+                            Write-Failure $file $text $script:generalFailure 'ZanRestore.Stalled' $PSCmdlet
+                            $PSCmdlet.WriteObject($now)
+                            continue
+                        }
+                        $file
+                    })
+                if (-not $waiting) { break }
+                $slowest = $waiting | ForEach-Object { $last[$_] } | Sort-Object PercentComplete | Select-Object -First 1
+                $percent = ($last.Values | Where-Object { $_ } | Measure-Object PercentComplete -Sum).Sum / $last.Count
+                Write-Progress -Id 1 -Activity 'Restoring' -PercentComplete ([Math]::Min(100, $percent)) `
+                    -Status "$whole of $($last.Count) files whole"
+                Write-Progress -Id 2 -ParentId 1 -Activity $slowest.Path -PercentComplete $slowest.PercentComplete `
+                    -Status "$($slowest.PercentComplete) %, the slowest"
+                Start-Sleep -Milliseconds 200
+            }
+        } finally {
+            Write-Progress -Id 2 -ParentId 1 -Activity 'Restoring' -Completed
+            Write-Progress -Id 1 -Activity 'Restoring' -Completed
+        }
+    }
+}
+
+Register-ArgumentCompleter -Native -CommandName 'zan_restore', 'zan_restore.exe' -ScriptBlock {
+    param($word)
+    '--ping', '--startAggressiveRestore', '--stopAggressiveRestore', '--progress' |
+        Where-Object { $_ -like "$word*" }
+}
