@@ -110,7 +110,7 @@ TEST(Faults, EveryAllocationOfEveryCommandFails) {
         ends += now.errors.empty() ? 0 : 1;
       } while (index <= allocations);
       faults += index - 1;
-      EXPECT_GT(ends, 0);
+      EXPECT_TRUE(ends > 0 || allocations == 0);  // none under valgrind, which takes its own new
     }
   }
   std::cout << "survived " << faults << " failing allocations\n";
