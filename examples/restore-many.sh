@@ -18,11 +18,17 @@ if [ $# != 1 ] || ! [[ $reads =~ ^[0-9]+$ ]]; then
   echo 'usage: restore-many.sh [-0] READS < LIST' >&2
   exit 1
 fi
+command -v zan_restore > /dev/null || {
+  echo 'restore-many.sh: zan_restore is not in the path' >&2
+  exit 1
+}
+stall=${STALL_SECONDS:-60}
+[[ $stall =~ ^[0-9]+$ ]] || stall=60
 scratch=$(mktemp -d) || exit 1
 trap 'rm -rf "$scratch"' EXIT
 declare -A shown since # the last progress of a file, and when it was new
 waiting=()
-whole=0 all=0 failures=0 first=
+whole=0 all=0 failures=0 first=0 told=-1 # `first`: what was there at the start
 
 # failed FILE WHAT OUTPUT: one line, of what the tool printed less its steps and what only a
 # debugger wants.
@@ -68,11 +74,18 @@ begin() {
 
 if $hasZeros; then
   while IFS= read -r -d '' file && IFS= read -r -d '' backing; do begin "$file" "$backing"; done
+  [ -z "$file" ] || failed "$file" 'not set up' 'the list ends without a zero byte or a backing path'
 else
+  mark=$'\xef\xbb\xbf' # a byte-order mark, which editors on Windows put first
   while IFS= read -r line || [ -n "$line" ]; do
+    line=${line#"$mark"} mark=
     line=${line%$'\r'}
     case $line in
       '') ;;
+      $'\xff\xfe'* | $'\xfe\xff'*)
+        failed 'the list' 'not read' 'it is UTF-16: save it as UTF-8'
+        break
+        ;;
       *$'\t'*) begin "${line%%$'\t'*}" "${line#*$'\t'}" ;;
       *) failed "$line" 'not set up' 'no tab and backing path behind it' ;;
     esac
@@ -87,6 +100,7 @@ isUnfinished() {
     return 1
   fi
   if [ "$output" != "${shown[$1]-}" ]; then
+    if [ -z "${shown[$1]-}" ] && [[ $output =~ (0x[0-9a-f]+)\ of ]]; then first=$((first + BASH_REMATCH[1])); fi
     shown[$1]=$output
     since[$1]=$SECONDS
   fi
@@ -97,7 +111,7 @@ isUnfinished() {
     whole=$((whole + 1))
     return 1
   fi
-  [ $((SECONDS - since[$1])) -lt "${STALL_SECONDS:-60}" ] && return
+  [ $((SECONDS - ${since[$1]})) -lt "$stall" ] && return
   failed "$1" 'stands still' "$output"
   return 1
 }
@@ -109,7 +123,6 @@ showStatus() {
     sum=$((sum + BASH_REMATCH[1]))
     total=$((total + BASH_REMATCH[2]))
   done
-  first=${first:-$sum}
   printf '\r\033[K%d of %d files whole, %d of %d MB, %d MB/s' "$whole" "$all" $((sum / 1000000)) \
     $((total / 1000000)) $(((sum - first) / 1000000 / (SECONDS > 0 ? SECONDS : 1))) >&2
 }
@@ -119,8 +132,12 @@ while [ ${#waiting[@]} -gt 0 ]; do
   unfinished=()
   for file in "${waiting[@]}"; do
     if isUnfinished "$file"; then unfinished+=("$file"); fi
-    [ ! -t 2 ] || showStatus
+    if [ -t 2 ] && [ "$told" != "$SECONDS" ]; then
+      told=$SECONDS
+      showStatus
+    fi
   done
+  [ ! -t 2 ] || showStatus
   waiting=("${unfinished[@]}")
   [ ${#waiting[@]} -eq 0 ] || sleep 0.2
 done

@@ -396,6 +396,7 @@ class WithRestoreFilter(story):
         terminal, other_end = pty.openpty()
         zeros = "a\tb\0c:\\data\0c\nd\0c:\\data\0"
         self.assertEqual(self.restore_many("-0", "4", text=zeros, stderr=other_end)[0], 0)
+        self.assertEqual(self.restore_many("-0", "4", text=zeros + "lost\0c:\\data")[0], 1)
         self.assertIn(b"2 of 2 files whole, ", os.read(terminal, 10000))
         for name in ("a\tb", "c\nd"):
             self.assertEqual(Path(name).read_bytes(), self.content)
@@ -551,7 +552,7 @@ class WithRestoreFilter(story):
             os.truncate("sm all\\/" + name, (1 << 63) - 1)
         self.start("sm all\\/whole")
         eventually(lambda: progress("sm all\\/whole") == ((1 << 63) - 1,) * 2)
-        self.assertEqual(send("--ping", local, program=["unshare", "-m", TOOL]), INVALID)
+        self.assertEqual(send("--ping", local, program=["unshare", "-m", "--propagation", "unchanged", TOOL]), INVALID)
 
     @unittest.skipUnless(IS_ROOT, "another user needs root")
     def test_serves_no_other_user(self):

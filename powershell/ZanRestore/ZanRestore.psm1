@@ -3,6 +3,7 @@
 
 Set-StrictMode -Version Latest
 
+$script:tool = $script:toolPath = $null
 $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
@@ -10,6 +11,14 @@ $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
 
 # The tool: beside the module, that is in its folder or the one above, then in the path.
 function Find-Tool {
+    # Looked up once: Get-Command takes ten times as long as the tool itself.
+    if ($script:tool -and $script:toolPath -ceq $env:PATH) { return $script:tool }
+    $script:tool = Search-Tool
+    $script:toolPath = $env:PATH
+    $script:tool
+}
+
+function Search-Tool {
     $name = if ($script:isOnWindows) { 'zan_restore.exe' } else { 'zan_restore' }
     foreach ($folder in $PSScriptRoot, (Split-Path $PSScriptRoot)) {
         $candidate = Join-Path $folder $name
@@ -26,7 +35,7 @@ function Find-Tool {
 function Join-Words([string[]] $Words) {
     $quoted = foreach ($word in $Words) {
         if ($word -ne '' -and $word -notmatch '[\s"]') { $word; continue }
-        '"' + ($word -replace '(\\*)"', '$1$1\"' -replace '(\\+)$', '$1$1') + '"'
+        '"' + ($word -replace '(\\*)"', '$1$1\"' -replace '(\\+)\z', '$1$1') + '"'
     }
     $quoted -join ' '
 }
@@ -42,9 +51,10 @@ function Invoke-Tool([string[]] $Words) {
     $start.StandardOutputEncoding = $start.StandardErrorEncoding = [Text.UTF8Encoding]::new($false)
     $process = [Diagnostics.Process]::Start($start)
     try {
+        $output = $process.StandardOutput.ReadToEndAsync()
         $errors = $process.StandardError.ReadToEndAsync()
-        $text = ($process.StandardOutput.ReadToEnd() + $errors.Result).Trim()
-        $process.WaitForExit()
+        while (-not $process.WaitForExit(200)) { } # in steps, so that Ctrl-C comes through
+        $text = ($output.Result + $errors.Result).Trim()
         $hresult = 0
         if ($process.ExitCode -ne 0) {
             $hresult = $script:generalFailure
@@ -56,6 +66,7 @@ function Invoke-Tool([string[]] $Words) {
         }
         [pscustomobject]@{ Status = $process.ExitCode; Text = $text; HResult = $hresult }
     } finally {
+        if (-not $process.WaitForExit(2000)) { $process.Kill() } # a set-up gets time to end
         $process.Dispose()
     }
 }
@@ -67,7 +78,13 @@ function Resolve-File([string] $Path, $Cmdlet) {
         throw [ArgumentException]::new(
             "'$Path' ends in a dot or a blank, which Windows trims: write the name without it.")
     }
-    $Cmdlet.GetUnresolvedProviderPathFromPSPath($Path)
+    $provider = $drive = $null
+    $file = $Cmdlet.SessionState.Path.GetUnresolvedProviderPathFromPSPath($Path, [ref] $provider, [ref] $drive)
+    if ($script:isOnWindows -and ($file -replace '^\\\\\?\\', '').LastIndexOf([char] ':') -gt 1) {
+        throw [ArgumentException]::new("'$Path' has a colon in its name, which begins a named stream on Windows.")
+    }
+    if ($provider.Name -ne 'FileSystem') { throw [ArgumentException]::new("'$Path' is not a path of the file system.") }
+    $file
 }
 
 # One non-terminating error for a file: the tool's own lines, and their HRESULT.
@@ -96,10 +113,12 @@ function Test-Tag([string] $File, [string] $BackingPath) {
     }
     $tag = [byte[]] @($tag)
     if ($tag.Length -ne 16376) { return $false }
-    $path = if ($BackingPath.IndexOf(':') -eq 1) { '\??\' + $BackingPath }
-    elseif ($BackingPath.StartsWith('\\')) { '\Device\Mup' + $BackingPath.Substring(1) }
+    $path = if ($BackingPath.IndexOf([char] ':') -eq 1) { '\??\' + $BackingPath }
+    elseif ($BackingPath.StartsWith('\\', 'Ordinal')) { '\Device\Mup' + $BackingPath.Substring(1) }
     else { $BackingPath }
-    [Text.Encoding]::Unicode.GetString($tag, 36, [BitConverter]::ToUInt16($tag, 26)) -ceq $path
+    $length = [BitConverter]::ToUInt16($tag, 26)
+    # Not -ceq, for which some characters that differ are the same.
+    $length -le 16340 -and [string]::Equals([Text.Encoding]::Unicode.GetString($tag, 36, $length), $path, 'Ordinal')
 }
 
 # Asks for the progress of a file, given by its whole path; null after an error.
@@ -134,7 +153,7 @@ function New-ZanRestore {
     The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as it is given;
     nothing checks that it exists.
     .PARAMETER ConcurrentReads
-    With it, the file is to be restored aggressively with so many concurrent backing reads.
+    With it, and not 0, the file is to be restored aggressively with so many concurrent backing reads.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -158,7 +177,7 @@ function New-ZanRestore {
             $file = Resolve-File $Path $PSCmdlet
             if (-not $PSCmdlet.ShouldProcess($file, "set up to be restored from $BackingPath")) { return }
             $words = @($file, $BackingPath)
-            if ($PSBoundParameters.ContainsKey('ConcurrentReads')) { $words += 'simple', "$ConcurrentReads" }
+            if ($ConcurrentReads -ne 0) { $words += 'simple', "$ConcurrentReads" } # 0 also for a row without
             $answer = Invoke-Tool $words
         } catch {
             Write-Refusal $_ $Path $PSCmdlet
@@ -324,14 +343,16 @@ function Wait-ZanRestore {
         [ValidateRange(1, 2147483)] [int] $StallTimeout = 60
     )
     begin {
-        $last = [ordered]@{} # of each file, null as long as it is not known
-        $since = @{} # when that was new
+        $comparer = if ($script:isOnWindows) { [StringComparer]::OrdinalIgnoreCase } else { [StringComparer]::Ordinal }
+        $last = [Collections.Specialized.OrderedDictionary]::new($comparer) # of each file, null as long as it is not known
+        $since = [Collections.Hashtable]::new($comparer) # when that was new
+        $clock = [Diagnostics.Stopwatch]::StartNew()
     }
     process {
         try {
             $file = Resolve-File $Path $PSCmdlet
             $last[$file] = $null
-            $since[$file] = [DateTime]::UtcNow
+            $since[$file] = $clock.Elapsed
         } catch {
             Write-Refusal $_ $Path $PSCmdlet
         }
@@ -356,8 +377,8 @@ function Wait-ZanRestore {
                             continue
                         }
                         if (-not $before -or $before.Progress -ne $now.Progress -or $before.Total -ne $now.Total) {
-                            $since[$file] = [DateTime]::UtcNow
-                        } elseif (([DateTime]::UtcNow - $since[$file]).TotalSeconds -gt $StallTimeout) {
+                            $since[$file] = $clock.Elapsed
+                        } elseif (($clock.Elapsed - $since[$file]).TotalSeconds -gt $StallTimeout) {
                             $text = "stands still at $($now.Progress) of $($now.Total)"
                             Write-Failure $file $text $script:generalFailure 'ZanRestore.Stalled' $PSCmdlet
                             $PSCmdlet.WriteObject($now)
@@ -384,5 +405,5 @@ function Wait-ZanRestore {
 Register-ArgumentCompleter -Native -CommandName 'zan_restore', 'zan_restore.exe' -ScriptBlock {
     param($word)
     '--ping', '--startAggressiveRestore', '--stopAggressiveRestore', '--progress' |
-        Where-Object { $_ -like "$word*" }
+        Where-Object { $_.StartsWith("$word", 'Ordinal') }
 }
