@@ -111,9 +111,10 @@ TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
   now = attachedMachine();
   now.volumes = {{nameOfVolume(fileVolume), std::wstring(260, L'x')}};
   EXPECT_EQ(instances().at(1).volumeId, L"");
-  now.volumes[0].name = L"\\\\?\\V\\" + zero;
-  now.volumes[0].devices = {L"\\Device\\V3\0\0", 12};
-  now.nextInstance = 0;
+  // A shorter answer without its zero ends where it ends, not in what was there before.
+  now = attachedMachine();
+  now.volumes = {{nameOfVolume(firstVolume), {L"\\Device\\V3xxx\0\0", 15}},
+                 {L"\\\\?\\V\\", L"\\Device\\V3"}};
   EXPECT_EQ(instances().at(1).volumeId, L"V");
 }
 
