@@ -8,8 +8,8 @@
 # was. One that exists without a tag, or with a tag for another backing file, is refused.
 # Prints "FILE: whole", and on standard error one line for each failure; on a terminal also
 # how far it is, in MB if the filter counts bytes. Exits with 0 when every file is whole, 1
-# when one is not, after all have been tried. A file whose progress stands still for
-# STALL_SECONDS (60) has been given up by the filter.
+# when one is not, after all have been tried. A file that makes no progress for STALL_SECONDS
+# (60) counts as a failure and is no longer waited for; its restoration is not stopped.
 set -u
 hasZeros=false
 [ "${1-}" != -0 ] || { hasZeros=true && shift; }

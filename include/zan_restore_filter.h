@@ -11,7 +11,7 @@
 #include <stdint.h>
 
 /* The minifilter's registered name; its instances are listed under it. Each
- * name is also there in bytes, with _A. */
+ * name also exists as a narrow string, with the suffix _A. */
 #define RESTORE_FILTER_NAME_A "zan_restore_filter"
 #define RESTORE_FILTER_NAME L"" RESTORE_FILTER_NAME_A
 
@@ -28,7 +28,7 @@
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
-/* How a file is restored beyond what is read from it. Codes are 32 bits wide in both
+/* How a file is to be restored. Codes are 32 bits wide in both
  * languages; any other value can arrive too. */
 #if defined(__cplusplus)
 enum class RestoreStrategyKind : uint32_t {
@@ -107,7 +107,7 @@ typedef struct ProgressInfo {
 #define RESTORE_FILTER_CHECK(condition) static_assert(condition, #condition)
 #elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define RESTORE_FILTER_CHECK(condition) _Static_assert(condition, #condition)
-#else /* an array type that can't be when the condition is false */
+#else /* an array type that is invalid when the condition is false */
 #define RESTORE_FILTER_CHECK(condition) extern char restore_filter_check[(condition) ? 1 : -1]
 #endif
 

@@ -12,8 +12,8 @@
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one a volume, and their connections.
-/// Serves its own user, nobody else. Nobody waits for a peer that is slow or silent, nor for
-/// a read of a backing file; all wait for a file that can't be opened or written to.
+/// Serves its own user, nobody else. A slow or silent peer holds up nobody, nor
+/// does a slow read of a backing file. While opening or writing a file hangs, all wait.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}

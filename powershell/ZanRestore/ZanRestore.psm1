@@ -153,7 +153,9 @@ function New-ZanRestore {
     The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as it is given;
     nothing checks that it exists.
     .PARAMETER ConcurrentReads
-    With it, and not 0, the file is to be restored aggressively with so many concurrent backing reads.
+    Unless it is 0, the tag records that the whole file is to be restored, with this many
+    concurrent backing reads. It starts nothing: see Start-ZanRestore. In a list it can be a third
+    column, ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -325,8 +327,9 @@ function Wait-ZanRestore {
     .SYNOPSIS
     Waits until files are whole, all at once, and shows how far they are.
     .DESCRIPTION
-    One progress bar shows all files, another the slowest. A file whose progress stands still
-    for longer than StallTimeout has been given up by the filter, and is an error.
+    One progress bar shows all files, another the slowest. If a file makes no progress for longer
+    than StallTimeout, an error is written and the file is no longer waited for; the restoration
+    itself is not stopped. A filter that does not answer at all is waited for without a limit.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER StallTimeout
