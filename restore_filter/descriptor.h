@@ -25,10 +25,10 @@ class descriptor {
   int number;
 };
 
-/// How many descriptors the process may still open before only `reserved` are left, as seen
-/// from one that was opened last: they are handed out lowest first. Negative when fewer are.
-inline long descriptorsLeft(const descriptor& last, int reserved) {
+/// Whether the process may still open `count` descriptors, as seen from the one that was
+/// opened last: they are handed out lowest first.
+inline bool leavesFree(const descriptor& last, int count) {
   rlimit most{};
   getrlimit(RLIMIT_NOFILE, &most);
-  return static_cast<long>(most.rlim_cur) - 1 - last.get() - reserved;
+  return static_cast<long>(most.rlim_cur) - 1 - last.get() >= count;
 }

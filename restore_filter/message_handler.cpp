@@ -36,6 +36,18 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   return S_OK;
 }
 
+// How much the local file has of what the backing file has now.
+HRESULT sizesOf(const descriptor& local, const descriptor& backing, ProgressInfo& sizes) {
+  struct stat localStatus {};
+  struct stat backingStatus {};
+  if (fstat(local.get(), &localStatus) != 0 || fstat(backing.get(), &backingStatus) != 0) {
+    return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  }
+  sizes = {static_cast<std::uint64_t>(localStatus.st_size),
+           static_cast<std::uint64_t>(backingStatus.st_size)};
+  return S_OK;
+}
+
 }  // namespace
 
 message_handler::~message_handler() {
@@ -84,7 +96,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
     case ControlOperation::StopAggressiveRestore: failures.erase(key); return S_OK;
     default:
-      result = queryProgress(key, file.get(), backingPath, reply);
+      result = queryProgress(key, file, backingPath, reply);
       if (result == S_OK) replySize = sizeof(reply);
       return result;
   }
@@ -108,9 +120,12 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
   if (opened != S_OK) return opened;
 
   file_key backingKey;
-  const HRESULT known = keyOf(backing.get(), backingKey);
-  if (known != S_OK || backingKey == key) return known != S_OK ? known : E_INVALIDARG;
-  if (descriptorsLeft(backing, reservedDescriptors) < 0) {
+  ProgressInfo sizes{};
+  HRESULT result = keyOf(backing.get(), backingKey);
+  if (result == S_OK) result = sizesOf(file, backing, sizes);
+  if (result != S_OK) return result;
+  if (backingKey == key) return E_INVALIDARG;  // it would be restored from itself
+  if (!leavesFree(backing, reservedDescriptors)) {
     return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
   }
 
@@ -119,12 +134,7 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
     return found->second->isFinishing() ? S_OK : HRESULT_FROM_WIN32(ERROR_BUSY);
   }
   failures.erase(key);
-  struct stat localStatus {};
-  struct stat backingStatus {};
-  if (fstat(file.get(), &localStatus) == 0 && fstat(backing.get(), &backingStatus) == 0 &&
-      localStatus.st_size == backingStatus.st_size) {
-    return S_OK;  // whole already
-  }
+  if (sizes.progress == sizes.total) return S_OK;  // whole already
   std::shared_ptr<restoration>& slot = restorations[key];
   try {
     slot = std::make_shared<restoration>(std::move(file), std::move(backing));
@@ -136,22 +146,15 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
   }
 }
 
-// Counts bytes: how much the local file has of what the backing file has now. A
-// restoration that failed answers its failure, so that nobody waits for it.
-HRESULT message_handler::queryProgress(file_key key, int file, const std::string& backingPath,
-                                       ProgressInfo& progress) {
+// A restoration that failed answers its failure, so that nobody waits for it.
+HRESULT message_handler::queryProgress(file_key key, const descriptor& file,
+                                       const std::string& backingPath, ProgressInfo& progress) {
   const auto failed = failures.find(key);
   if (failed != failures.end()) return failed->second;
   descriptor backing;
-  const HRESULT opened = backingFolders.openFile(backingPath, backing);
-  if (opened != S_OK) return opened;
-  struct stat localStatus {};
-  struct stat backingStatus {};
-  if (fstat(file, &localStatus) != 0 || fstat(backing.get(), &backingStatus) != 0) {
-    return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  }
-  progress.progress = static_cast<std::uint64_t>(localStatus.st_size);
-  progress.total = static_cast<std::uint64_t>(backingStatus.st_size);
+  HRESULT result = backingFolders.openFile(backingPath, backing);
+  if (result == S_OK) result = sizesOf(file, backing, progress);
+  if (result != S_OK) return result;
   if (progress.progress > progress.total) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   // It is whole when its last bytes are on the disk, and the restoration has ended.
   if (restorations.contains(key) && progress.progress >= progress.total && progress.total > 0) {

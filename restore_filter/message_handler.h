@@ -40,7 +40,7 @@ class message_handler {
 
   HRESULT start(file_key key, descriptor file, const std::string& backingPath,
                 const RestoreStrategy& how);
-  HRESULT queryProgress(file_key key, int file, const std::string& backingPath,
+  HRESULT queryProgress(file_key key, const descriptor& file, const std::string& backingPath,
                         ProgressInfo& progress);
 
   const backing_folders& backingFolders;

@@ -91,11 +91,12 @@ void port_server::accept(const port& from) {
   }
   if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
   const bool isFull =
-      connections.size() >= mostConnections || descriptorsLeft(socket, reservedDescriptors) < 0;
+      connections.size() >= mostConnections || !leavesFree(socket, reservedDescriptors);
   if (isFull && !connections.empty()) {
     dropConnection();
     // It takes the number that is free now: the highest ones stay free.
     socket = descriptor(fcntl(socket.get(), F_DUPFD_CLOEXEC, 0));
+    if (!socket.isOpen()) return;
   }
   const bool isTrusted = peer.uid == geteuid();
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});

@@ -80,10 +80,10 @@ function Resolve-File([string] $Path, $Cmdlet) {
     }
     $provider = $drive = $null
     $file = $Cmdlet.SessionState.Path.GetUnresolvedProviderPathFromPSPath($Path, [ref] $provider, [ref] $drive)
+    if ($provider.Name -ne 'FileSystem') { throw [ArgumentException]::new("'$Path' is not a path of the file system.") }
     if ($script:isOnWindows -and ($file -replace '^\\\\\?\\', '').LastIndexOf([char] ':') -gt 1) {
         throw [ArgumentException]::new("'$Path' has a colon in its name, which begins a named stream on Windows.")
     }
-    if ($provider.Name -ne 'FileSystem') { throw [ArgumentException]::new("'$Path' is not a path of the file system.") }
     $file
 }
 
