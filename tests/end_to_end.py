@@ -652,6 +652,8 @@ class WithFailingCalls(story):
         self.assertLess(os.path.getsize("local"), len(self.content))  # the last block waits for the others
         self.assertLess(*progress("local"))
         self.start("local")  # not busy: it is about to end
+        eventually(lambda: os.path.getsize("local") == len(self.content))  # and is not there yet
+        self.assertLess(*progress("local"))
         self.ends_with("local", self.content)
 
     @unittest.skipIf(IS_SANITIZED, "with sanitizers")
