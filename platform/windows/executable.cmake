@@ -15,8 +15,10 @@ if(MSVC)
     /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
+  # dlltool leaves temporary files behind.
   add_custom_command(OUTPUT ${delayed_fltlib}
-    COMMAND ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
+    COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
+      ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
       --output-delaylib ${delayed_fltlib}
     DEPENDS platform/windows/fltlib.def)
   add_custom_target(delayed_fltlib DEPENDS ${delayed_fltlib})
