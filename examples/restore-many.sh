@@ -27,7 +27,7 @@ stall=${STALL_SECONDS:-60}
 scratch=$(mktemp -d) || exit 1
 trap 'rm -rf "$scratch"' EXIT
 declare -A shown since # the last progress of a file, and when it was new
-waiting=()
+waiting=() refused=()
 whole=0 all=0 failures=0 first=0 told=-1 # `first`: what was there at the start
 
 # failed FILE WHAT OUTPUT: one line, of what the tool printed less its steps and what only a
@@ -54,17 +54,26 @@ hasTag() {
     cmp -s -i 36 -- "$1:restore_filter_tag" "$scratch/made:restore_filter_tag"
 }
 
+# A file that the filter refuses because it is out of files, memory or threads is started when
+# others are whole.
+start() {
+  local output
+  if output=$(zan_restore --startAggressiveRestore "$reads" "$1") || [[ $output == *$'\n'0x800700aa* ]]; then
+    waiting+=("$1")
+  elif [[ $output == *$'\n'0x8007000[48e]\[* && ${#waiting[@]} -gt 0 ]]; then
+    refused+=("$1")
+  else
+    failed "$1" 'not started' "$output"
+  fi
+}
+
 begin() {
   local file=$1 backing=$2 output
   all=$((all + 1))
   [[ $file != -* ]] || file=./$file # not an option
   if output=$(zan_restore "$file" "$backing" simple "$reads") ||
     { [ "$output" = 'create local file failed: 50' ] && hasTag "$file" "$backing"; }; then
-    if output=$(zan_restore --startAggressiveRestore "$reads" "$file") || [[ $output == *$'\n'0x800700aa* ]]; then
-      waiting+=("$file")
-    else
-      failed "$file" 'not started' "$output"
-    fi
+    start "$file"
   elif [ "$output" = 'create local file failed: 50' ]; then
     failed "$file" 'not set up' 'exists, and has no tag for this backing path'
   else
@@ -138,7 +147,14 @@ while [ ${#waiting[@]} -gt 0 ]; do
     fi
   done
   [ ! -t 2 ] || showStatus
+  isLess=$((${#unfinished[@]} < ${#waiting[@]}))
   waiting=("${unfinished[@]}")
+  if [ $isLess = 1 ]; then
+    again=("${refused[@]}") refused=()
+    for file in "${again[@]}"; do
+      if [ ${#refused[@]} = 0 ]; then start "$file"; else refused+=("$file"); fi
+    done
+  fi
   [ ${#waiting[@]} -eq 0 ] || sleep 0.2
 done
 clearStatus

@@ -13,11 +13,6 @@
 
 namespace {
 
-HRESULT hostFailure() {
-  // EXDEV: the path leads out of the folder.
-  return HRESULT_FROM_WIN32(errno == EXDEV ? ERROR_ACCESS_DENIED : windowsErrorFor(errno));
-}
-
 // Windows compares names without case; ASCII is enough for drives and servers.
 bool beginsWith(std::string_view path, const std::string& prefix) {
   return path.size() > prefix.size() && path[prefix.size()] == '\\' &&

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "restore_filter/descriptor.h"
+#include "platform/posix/descriptor.h"
 
 /// The folders that stand for drives and shares, and the files in them.
 class backing_folders {

@@ -1,6 +1,7 @@
 // A stand-in for the restore filter, in user mode: attaches to volumes, serves
 // their ports and restores files, so that zan_restore has somebody to talk to.
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <cctype>
@@ -50,6 +51,14 @@ descriptor stopSignals() {
   return descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
+// A restoration takes two descriptors; the usual soft limit would be used up by 500 files.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -75,6 +84,7 @@ int main(int argc, char** argv) try {
   }
   if (volumes.empty()) return usage();
 
+  raiseDescriptorLimit();
   const descriptor stop = stopSignals();
   message_handler handler(folders);
   port_server server(handler);

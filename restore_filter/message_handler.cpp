@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <exception>
 #include <new>
+#include <system_error>
 
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
@@ -16,12 +16,10 @@
 
 namespace {
 
-// A thread and a buffer each; more reads than this are served as this many.
+// A thread and a buffer each; a larger n is served as this many.
 constexpr int mostReads = 64;
 // Descriptors that restorations leave to connections and to the handling of a message.
 constexpr int reservedDescriptors = 12;
-// Failures kept for those who ask; past this many one is forgotten for another.
-constexpr std::size_t mostFailures = 1000;
 
 std::string pathOf(const descriptor& file) { return "/proc/self/fd/" + std::to_string(file.get()); }
 
@@ -31,7 +29,7 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
   path = descriptor(open(link.c_str(), O_PATH | O_CLOEXEC));
   if (!path.isOpen()) {
-    return errno == ENOENT ? E_INVALIDARG : HRESULT_FROM_WIN32(windowsErrorFor(errno));
+    return errno == ENOENT ? E_INVALIDARG : hostFailure();
   }
   return S_OK;
 }
@@ -41,7 +39,7 @@ HRESULT sizesOf(const descriptor& local, const descriptor& backing, ProgressInfo
   struct stat localStatus {};
   struct stat backingStatus {};
   if (fstat(local.get(), &localStatus) != 0 || fstat(backing.get(), &backingStatus) != 0) {
-    return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+    return hostFailure();
   }
   sizes = {static_cast<std::uint64_t>(localStatus.st_size),
            static_cast<std::uint64_t>(backingStatus.st_size)};
@@ -51,7 +49,7 @@ HRESULT sizesOf(const descriptor& local, const descriptor& backing, ProgressInfo
 }  // namespace
 
 message_handler::~message_handler() {
-  for (const auto& each : restorations) each.second->end();
+  for (const auto& each : restorations) each.second->stop();
 }
 
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
@@ -70,7 +68,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result != S_OK) return result;
   const auto volume = findVolumeOf(pathOf(file).c_str());
   // A mount that isn't in the table is one of another mount name space.
-  if (!volume && errno != ENOENT) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (!volume && errno != ENOENT) return hostFailure();
   if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
 
@@ -79,10 +77,9 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result != S_OK) return result;
   forgetEnded();
   const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
-  const auto restored = restorations.find(key);
-  if (isStop && restored != restorations.end()) {  // whatever became of its tag
-    restored->second->end();
-    if (!restored->second->isRunning()) restorations.erase(restored);
+  const auto running = restorations.find(key);
+  if (isStop && running != restorations.end()) {  // whatever became of its tag
+    running->second->stop();
     return S_OK;
   }
 
@@ -94,7 +91,11 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
     case ControlOperation::StartAggressiveRestore:
       result = openRegularFile(path, O_RDWR, file);
       return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
-    case ControlOperation::StopAggressiveRestore: failures.erase(key); return S_OK;
+    case ControlOperation::StopAggressiveRestore:
+      std::erase_if(failures, [&](const auto& each) {
+        return each.first == key && each.second.lostFrom == restore_failure::nowhere;
+      });
+      return S_OK;
     default:
       result = queryProgress(key, file, backingPath, reply);
       if (result == S_OK) replySize = sizeof(reply);
@@ -104,9 +105,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
 
 HRESULT message_handler::keyOf(int file, file_key& key) {
   struct statx status {};
-  if (statx(file, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
-    return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  }
+  if (statx(file, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) return hostFailure();
   key = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino,
          status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
   return S_OK;
@@ -129,52 +128,64 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
     return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
   }
 
-  const auto found = restorations.find(key);
-  if (found != restorations.end()) {
-    return found->second->isFinishing() ? S_OK : HRESULT_FROM_WIN32(ERROR_BUSY);
+  const auto running = restorations.find(key);
+  std::shared_ptr<restoration> earlier;
+  if (running != restorations.end()) {
+    earlier = running->second;
+    if (!earlier->isStopped())
+      return earlier->isFinishing() ? S_OK : HRESULT_FROM_WIN32(ERROR_BUSY);
   }
-  failures.erase(key);
-  if (sizes.progress == sizes.total) return S_OK;  // whole already
-  std::shared_ptr<restoration>& slot = restorations[key];
-  try {
-    slot = std::make_shared<restoration>(std::move(file), std::move(backing));
-    slot->start(std::min(how.concurrentReads, mostReads));
-    return S_OK;
-  } catch (const std::exception&) {  // no more threads, or no memory
-    restorations.erase(key);
-    return E_OUTOFMEMORY;
+  const auto failure = failures.find(key);
+  const restore_failure failed = failure == failures.end() ? restore_failure{} : failure->second;
+  const std::uint64_t restored = restoredSize(file.get(), backing.get());
+  const bool isWhole = sizes.progress == sizes.total && restored == sizes.total;
+  if (!isWhole || earlier || failed.lostFrom < sizes.progress) {
+    auto next = std::make_shared<restoration>(std::move(file), std::move(backing), restored,
+                                              std::move(earlier), failed);
+    const auto [slot, isNew] = restorations.try_emplace(key);
+    try {
+      next->start(std::min(how.concurrentReads, mostReads));
+    } catch (const std::system_error&) {  // no more threads
+      if (isNew) restorations.erase(slot);
+      return E_OUTOFMEMORY;
+    }
+    slot->second = std::move(next);
   }
+  if (failure != failures.end()) failures.erase(failure);
+  return S_OK;
 }
 
 // A restoration that failed answers its failure, so that nobody waits for it.
 HRESULT message_handler::queryProgress(file_key key, const descriptor& file,
                                        const std::string& backingPath, ProgressInfo& progress) {
-  const auto failed = failures.find(key);
-  if (failed != failures.end()) return failed->second;
+  const auto failure = failures.find(key);
+  if (failure != failures.end()) return failure->second.why;
   descriptor backing;
   HRESULT result = backingFolders.openFile(backingPath, backing);
   if (result == S_OK) result = sizesOf(file, backing, progress);
   if (result != S_OK) return result;
   if (progress.progress > progress.total) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-  // It is whole when its last bytes are on the disk, and the restoration has ended.
-  if (restorations.contains(key) && progress.progress >= progress.total && progress.total > 0) {
-    progress.progress = progress.total - 1;
+  const auto running = restorations.find(key);
+  if (running == restorations.end()) {
+    progress.progress = restoredSize(file.get(), backing.get());
+    // There is nothing to restore, and 0 of 0 would be taken for no answer.
+    if (progress.total == 0) progress = {1, 1};
+  } else {
+    // It is whole when its last bytes are on the disk, and the restoration has ended.
+    progress.progress = std::min(running->second->progress(), progress.total - 1);
   }
   return S_OK;
 }
 
 void message_handler::forgetEnded() noexcept {
   for (auto each = restorations.begin(); each != restorations.end();) {
-    if (each->second->isRunning()) {
+    if (!each->second->hasEnded()) {
       ++each;
       continue;
     }
-    const HRESULT failure = each->second->failure();
     try {
-      if (failure != S_OK) {
-        if (failures.size() >= mostFailures) failures.erase(failures.begin());
-        failures[each->first] = failure;
-      }
+      const restore_failure& failure = each->second->failure();
+      if (failure.why != S_OK) failures[each->first] = failure;
     } catch (const std::bad_alloc&) {
       return;  // another time
     }

@@ -45,5 +45,5 @@ class message_handler {
 
   const backing_folders& backingFolders;
   std::map<file_key, std::shared_ptr<restoration>> restorations;
-  std::map<file_key, HRESULT> failures;  // of restorations that have ended
+  std::map<file_key, restore_failure> failures;  // of restorations that have ended
 };

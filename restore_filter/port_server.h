@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "restore_filter/descriptor.h"
+#include "platform/posix/descriptor.h"
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one a volume, and their connections.

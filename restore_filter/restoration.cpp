@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
+#include <exception>
+#include <future>
 #include <thread>
+#include <vector>
 
 #include "platform/posix/last_error.h"
 
@@ -14,7 +18,10 @@ namespace {
 constexpr std::size_t chunkSize = 1024 * 1024;  // bytes of one read
 constexpr std::uint64_t blockSize = 4096;       // the last one waits for the others
 
-HRESULT hostFailure() { return HRESULT_FROM_WIN32(windowsErrorFor(errno)); }
+struct byte_range {
+  std::uint64_t offset;
+  std::uint64_t end;
+};
 
 std::uint64_t sizeOf(int file) {
   struct stat status {};
@@ -29,164 +36,167 @@ std::uint64_t seek(int file, std::uint64_t offset, int what) {
   return what == SEEK_DATA && errno != ENXIO ? offset : sizeOf(file);
 }
 
-// How much of the local file is restored: up to its end, or to a hole where the backing
-// file has data. Such a hole is what a crash leaves of data that was not on the disk yet.
-std::uint64_t restoredSize(int local, int backing) {
-  // Pages of zeros that somebody has read into memory would hide such a hole.
+// What the local file lacks: its holes where the backing file has data, `most` of them at
+// most, and last all behind its end.
+std::vector<byte_range> missingRanges(int local, int backing, std::size_t most) {
+  std::vector<byte_range> missing;
+  // Pages of zeros that somebody has read into memory would hide a hole.
   posix_fadvise(local, 0, 0, POSIX_FADV_DONTNEED);
   const std::uint64_t size = sizeOf(local);
   std::uint64_t hole = seek(local, 0, SEEK_HOLE);
-  while (hole < size) {
+  while (hole < size && missing.size() < most) {
     const std::uint64_t end = seek(local, hole, SEEK_DATA);
     const std::uint64_t data = seek(backing, hole, SEEK_DATA);
-    if (data < end || end == hole) return std::min(data, size) / blockSize * blockSize;
+    if (end <= hole) break;
+    if (data < end) missing.push_back({data, end});
     hole = seek(local, end, SEEK_HOLE);
   }
-  return size;
+  if (missing.empty() || missing.back().end < size) missing.push_back({size, 0});
+  missing.back().end = UINT64_MAX;
+  return missing;
 }
 
 }  // namespace
 
-restoration::restoration(descriptor localFile, descriptor backingFile)
+std::uint64_t restoredSize(int local, int backing) {
+  return missingRanges(local, backing, 1).front().offset;
+}
+
+// A piece of the backing file, in a buffer unless it is a hole.
+struct restoration::piece {
+  std::unique_ptr<char[]> bytes;
+  std::uint64_t offset;
+  std::size_t most;  // bytes to read, fewer at the end of the file
+  std::size_t size;
+  bool isHole;
+  HRESULT failed;
+};
+
+restoration::restoration(descriptor localFile, descriptor backingFile, std::uint64_t restored,
+                         std::shared_ptr<restoration> earlierOne, restore_failure failedBefore)
     : local(std::move(localFile)),
       backing(std::move(backingFile)),
-      sizeAtStart(sizeOf(local.get())),
-      nextRead(restoredSize(local.get(), backing.get())),
-      nextWrite(nextRead) {}
+      earlier(std::move(earlierOne)),
+      failed(failedBefore),
+      position(restored) {}
 
 void restoration::start(int reads) {
-  const std::uint64_t size = sizeOf(backing.get());
-  const std::uint64_t left = size > nextRead ? size - nextRead : 0;
-  const auto needed =
-      std::clamp<std::uint64_t>(left / chunkSize + 1, 1, static_cast<unsigned>(reads));
-  const std::unique_lock gate(mutex);  // nobody reads before all are there
+  std::thread([self = shared_from_this(), reads] { self->run(reads); }).detach();
+}
+
+void restoration::stop() {
+  stopping.request_stop();
+  const std::lock_guard lock(writing);  // a write that is under way ends
+}
+
+void restoration::run(int reads) {
+  HRESULT result = S_OK;
   try {
-    while (static_cast<std::uint64_t>(running) < needed) {
-      std::thread([self = shared_from_this()] { self->restoreChunks(); }).detach();
-      ++running;
+    result = restore(reads);
+  } catch (const std::exception&) {  // no memory, or no thread
+    result = E_OUTOFMEMORY;
+  }
+  // What is still lost keeps its reason.
+  if (result != S_OK || failed.lostFrom == restore_failure::nowhere) failed.why = result;
+  ended = true;
+  ended.notify_all();
+}
+
+HRESULT restoration::restore(int reads) {
+  if (earlier) {
+    earlier->ended.wait(false);
+    failed = earlier->failed;
+    earlier.reset();
+  }
+  HRESULT result = cutLost();
+  if (result != S_OK || isStopped()) return result;
+  sizeAtStart = sizeOf(local.get());
+  if (sizeAtStart > 0 && fdatasync(local.get()) != 0) return hostFailure();
+
+  const std::vector<byte_range> missing = missingRanges(local.get(), backing.get(), SIZE_MAX);
+  auto range = missing.begin();
+  std::uint64_t next = range->offset;
+  std::deque<std::future<piece>> ahead;
+  const auto readAhead = [&](std::unique_ptr<char[]> buffer) {
+    if (next == range->end) next = (++range)->offset;
+    const auto most =
+        static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, range->end - next));
+    // In a thread of its own; when there is none, by this one when its turn comes.
+    ahead.push_back(
+        std::async(&restoration::read, this, piece{std::move(buffer), next, most, 0, false, S_OK}));
+    next += most;
+  };
+  const std::uint64_t end = sizeOf(backing.get());
+  do {
+    readAhead(std::make_unique_for_overwrite<char[]>(chunkSize));
+  } while (ahead.size() < static_cast<std::size_t>(reads) && next < end);
+
+  std::unique_ptr<char[]> buffer = std::make_unique_for_overwrite<char[]>(chunkSize);
+  while (!isStopped()) {
+    piece chunk = ahead.front().get();
+    ahead.pop_front();
+    if (ahead.empty() || next < sizeOf(backing.get())) readAhead(std::move(buffer));
+    position = chunk.offset;
+    bool isLast = false;
+    result = chunk.failed;
+    if (result == S_OK) result = readOn(chunk, isLast);
+    if (result == S_OK) result = isLast ? writeLast(chunk) : write(chunk, 0, chunk.size);
+    if (result != S_OK || isLast) {
+      stopping.request_stop();
+      return result;
     }
-  } catch (...) {
-    isEnding = true;
-    throw;
+    buffer = std::move(chunk.bytes);
   }
-}
-
-void restoration::end() {
-  finish(S_OK);
-  std::unique_lock lock(mutex);
-  changed.wait(lock, [&] { return !isWriting; });
-}
-
-bool restoration::isRunning() {
-  const std::lock_guard lock(mutex);
-  return running > 0 && (!isEnding || isWriting || isSyncing);
-}
-
-bool restoration::isFinishing() {
-  const std::lock_guard lock(mutex);
-  return isAtEnd && !isEnding;
-}
-
-HRESULT restoration::failure() {
-  const std::lock_guard lock(mutex);
-  return result;
-}
-
-void restoration::restoreChunks() {
-  try {
-    piece chunk{std::make_unique_for_overwrite<char[]>(chunkSize), 0, 0, false, false};
-    while (takeChunk(chunk)) {
-      const HRESULT failed = restoreChunk(chunk);
-      if (failed != S_OK || chunk.isLast) finish(failed);
-    }
-  } catch (const std::bad_alloc&) {
-    finish(E_OUTOFMEMORY);
-  }
-  const std::lock_guard lock(mutex);
-  --running;
-}
-
-bool restoration::takeChunk(piece& chunk) {
-  const std::lock_guard lock(mutex);
-  chunk.offset = nextRead;
-  nextRead += chunkSize;
-  return !isEnding;
-}
-
-// Reads a chunk, waits until all before it is written, and writes it.
-HRESULT restoration::restoreChunk(piece& chunk) {
-  HRESULT failed = readChunk(chunk);
-  {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [&] { return isEnding || nextWrite == chunk.offset; });
-    if (isEnding) return S_OK;
-  }
-  if (failed == S_OK) failed = readOn(chunk);
-  if (failed == S_OK) failed = chunk.isLast ? writeLast(chunk) : write(chunk, 0, chunk.size);
-  if (failed != S_OK || chunk.isLast) return failed;
-  const std::lock_guard lock(mutex);
-  nextWrite += chunk.size;
-  changed.notify_all();
   return S_OK;
 }
 
-// Reads the chunk at its offset, to its full size or the end of the file.
-HRESULT restoration::readChunk(piece& chunk) const {
-  chunk.size = 0;
-  chunk.isHole = false;
+// Reads the piece at its offset, as much as is wanted or to the end of the file.
+restoration::piece restoration::read(piece chunk) const {
   const std::uint64_t end = sizeOf(backing.get());
-  if (chunk.offset >= end) return S_OK;
+  if (chunk.offset >= end) return chunk;
   const auto wanted =
-      static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, end - chunk.offset));
+      static_cast<std::size_t>(std::min<std::uint64_t>(chunk.most, end - chunk.offset));
   if (seek(backing.get(), chunk.offset, SEEK_DATA) >= chunk.offset + wanted) {
     chunk.isHole = true;
     chunk.size = wanted;
-    return S_OK;
+    return chunk;
   }
-  while (chunk.size < wanted && !isEnding) {
+  while (chunk.size < wanted && !isStopped()) {
     const ssize_t count = pread(backing.get(), chunk.bytes.get() + chunk.size, wanted - chunk.size,
                                 static_cast<off_t>(chunk.offset + chunk.size));
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return hostFailure();
-    if (count == 0) break;
+    if (count < 0) chunk.failed = hostFailure();
+    if (count <= 0) break;
     chunk.size += static_cast<std::size_t>(count);
   }
-  return S_OK;
+  return chunk;
 }
 
-// Tells whether the backing file ends with the chunk, and reads the rest of the chunk where
+// Tells whether the backing file ends with the piece, and reads the rest of the piece where
 // the file has grown since. ERROR_FILE_INVALID when it has become shorter than what was read
 // or restored.
-HRESULT restoration::readOn(piece& chunk) const {
-  for (;;) {
+HRESULT restoration::readOn(piece& chunk, bool& isLast) const {
+  while (!isStopped()) {
     struct stat status {};
     if (fstat(backing.get(), &status) != 0) return hostFailure();
     const auto end = static_cast<std::uint64_t>(status.st_size);
     const std::uint64_t read = chunk.offset + chunk.size;
-    chunk.isLast = end == read;
-    if (end < read || (chunk.isLast && end < sizeAtStart)) {
-      return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-    }
-    if (chunk.isLast || chunk.size == chunkSize || isEnding) return S_OK;
-    const std::size_t size = chunk.size;
-    const HRESULT failed = readChunk(chunk);
-    if (failed != S_OK) return failed;
-    if (chunk.size <= size && !isEnding) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
+    isLast = end == read;
+    if (end < read || (isLast && end < sizeAtStart)) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
+    if (isLast || chunk.size == chunk.most) break;
+    const std::size_t size = std::exchange(chunk.size, 0);
+    chunk.isHole = false;
+    chunk = this->read(std::move(chunk));
+    if (chunk.failed != S_OK) return chunk.failed;
+    if (chunk.size <= size && !isStopped()) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   }
+  return S_OK;
 }
 
-// Writes the bytes `from` to `to` of the chunk, unless the restoration is ending.
+// Writes the bytes `from` to `to` of the piece, unless it has been stopped.
 HRESULT restoration::write(const piece& chunk, std::size_t from, std::size_t to) {
-  {
-    const std::lock_guard lock(mutex);
-    if (isEnding) return S_OK;
-    isWriting = true;
-  }
-  const HRESULT failed = append(chunk, from, to);
-  const std::lock_guard lock(mutex);
-  isWriting = false;
-  changed.notify_all();
-  return failed;
+  const std::lock_guard lock(writing);
+  return isStopped() ? S_OK : append(chunk, from, to);
 }
 
 // A hole only makes the file longer.
@@ -214,39 +224,35 @@ HRESULT restoration::append(const piece& chunk, std::size_t from, std::size_t to
   return S_OK;
 }
 
-// Writes the last chunk, and of that the last block when all before it is on the disk.
+// Writes the last piece, and of that the last block when all before it is on the disk.
 HRESULT restoration::writeLast(const piece& chunk) {
-  {
-    const std::lock_guard lock(mutex);
-    isAtEnd = true;
-  }
+  finishing = true;
   const std::uint64_t end = chunk.offset + chunk.size;
   const std::uint64_t lastBlock = end == 0 ? 0 : (end - 1) / blockSize * blockSize;
   const auto body = static_cast<std::size_t>(std::max(lastBlock, chunk.offset) - chunk.offset);
-  HRESULT failed = write(chunk, 0, std::min(body, chunk.size));
-  if (failed == S_OK) failed = bringToDisk();
-  if (failed == S_OK) failed = write(chunk, std::min(body, chunk.size), chunk.size);
-  return failed == S_OK ? bringToDisk() : failed;
+  HRESULT result = write(chunk, 0, std::min(body, chunk.size));
+  if (result == S_OK) result = bringToDisk();
+  if (result == S_OK) result = write(chunk, std::min(body, chunk.size), chunk.size);
+  return result == S_OK ? bringToDisk() : result;
 }
 
 HRESULT restoration::bringToDisk() {
-  {
-    const std::lock_guard lock(mutex);
-    if (isEnding) return S_OK;
-    isSyncing = true;
-  }
-  HRESULT failed = fdatasync(local.get()) == 0 ? S_OK : hostFailure();
-  if (failed != S_OK && ftruncate(local.get(), 0) != 0) failed = hostFailure();
-  const std::lock_guard lock(mutex);
-  isSyncing = false;
-  if (failed != S_OK && isEnding) result = failed;  // what was lost counts, also after a stop
-  return failed;
+  if (isStopped() || fdatasync(local.get()) == 0) return S_OK;
+  const HRESULT result = hostFailure();
+  failed.lostFrom = sizeAtStart;
+  const HRESULT cut = cutLost();
+  return cut != S_OK ? cut : result;
 }
 
-// The first reason stands.
-void restoration::finish(HRESULT reason) {
-  const std::lock_guard lock(mutex);
-  if (!isEnding) result = reason;
-  isEnding = true;
-  changed.notify_all();
+// Cuts the local file to what surely is there, unless it has been stopped: the next start
+// does it then.
+HRESULT restoration::cutLost() {
+  const std::lock_guard lock(writing);
+  if (isStopped()) return S_OK;
+  if (failed.lostFrom < sizeOf(local.get()) &&
+      ftruncate(local.get(), static_cast<off_t>(failed.lostFrom)) != 0) {
+    return hostFailure();
+  }
+  failed = {};
+  return S_OK;
 }

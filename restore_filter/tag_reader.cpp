@@ -8,15 +8,17 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/posix/descriptor.h"
 #include "platform/posix/last_error.h"
 #include "platform/posix/utf16.h"
-#include "restore_filter/descriptor.h"
 #include "zan_restore_filter.h"
 
 namespace {
 
 const HRESULT notTagged = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 const HRESULT notWhole = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
+bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
 }  // namespace
 
@@ -38,28 +40,28 @@ HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
 }
 
 HRESULT readTagOf(int file, std::string& backingPath) {
-  struct stat status {};
-  if (fstat(file, &status) != 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  if (status.st_nlink == 0) return notTagged;  // deleted, and its tag with it
+  struct stat local {};
+  if (fstat(file, &local) != 0) return hostFailure();
+  if (local.st_nlink == 0) return notTagged;  // deleted, and its tag with it
   const std::string link = "/proc/self/fd/" + std::to_string(file);
   std::string path(PATH_MAX, '\0');
   const ssize_t length = readlink(link.c_str(), path.data(), path.size());
-  if (length < 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (length < 0) return hostFailure();
   path.resize(static_cast<std::size_t>(length));
   path += ":" RESTORE_TAG_STREAM_NAME_A;
 
   const descriptor stream(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (!stream.isOpen()) {
-    return errno == ENOENT ? notTagged : HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  }
-  // Whoever may create files here could have laid the stream beside the file.
-  if (fstat(stream.get(), &status) != 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
-  if (status.st_uid != 0 && status.st_uid != geteuid()) {
-    return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
-  }
+  if (!stream.isOpen()) return errno == ENOENT ? notTagged : hostFailure();
+  struct stat tag {};
+  if (fstat(stream.get(), &tag) != 0) return hostFailure();
+  // Whoever may create files here could have written the tag, laid it beside a file of his
+  // own, or linked it there.
+  const bool isObeyed =
+      isOurs(local) && isOurs(tag) && tag.st_nlink == 1 && (tag.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  if (!isObeyed) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   // One byte more than a record, to see whether there is more.
   std::string content(sizeof(RestoreTagRecord) + 1, '\0');
   const ssize_t size = read(stream.get(), content.data(), content.size());
-  if (size < 0) return HRESULT_FROM_WIN32(windowsErrorFor(errno));
+  if (size < 0) return hostFailure();
   return readTag(content.data(), static_cast<std::size_t>(size), backingPath);
 }

@@ -10,6 +10,7 @@
 /// and sound. Its strategy is advice; a start brings its own.
 HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath);
 
-/// Reads the tag of the file that `file` is open on. Also ERROR_NOT_FOUND when it
-/// has none, and ERROR_ACCESS_DENIED when that is neither this process's user's nor root's.
+/// Reads the tag of the file that `file` is open on. Also ERROR_NOT_FOUND when it has none,
+/// and ERROR_ACCESS_DENIED when others than root and this process's user may have chosen it:
+/// the file or the tag belongs to another, others can write the tag, or it has a second link.
 HRESULT readTagOf(int file, std::string& backingPath);

@@ -21,6 +21,7 @@ CONTEXT = bytes(40)
 NOT_FOUND, NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, \
     IO_ERROR, NOT_TAGGED = (0x80070000 | code for code in (2, 3, 4, 5, 6, 13, 32, 87, 112, 170, 1006, 1117, 1168))
 # A user's locale must make no difference; Wine's own names of files follow it.
+STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
 
 
@@ -141,12 +142,18 @@ class story(unittest.TestCase):
     def start_filter(self, *prefix, folder="."):
         """A filter with few descriptors; whether it has attached to the folder's volume, once."""
         self.filter = subprocess.Popen(
-            ["prlimit", "--nofile=100", *prefix, FILTER, "--drive", "C=back",
+            ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back",
              "--share", r"\\srv\share=back", folder, folder],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
         port = "\\zan_restore_filter-" + volume_of(folder)
-        return [self.filter.stdout.readline() for _ in (1, 2)] == ["%s: %s\n" % (folder, port)] * 2
+        has_attached = [self.filter.stdout.readline() for _ in (1, 2)] == ["%s: %s\n" % (folder, port)] * 2
+        traced = Path("/proc/%d/task/%d/children" % ((self.filter.pid,) * 2)).read_text().split()
+        self.filter_pid = int((traced or [self.filter.pid])[0])
+        return has_attached
+
+    def limit_descriptors(self, count):
+        resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, count))
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
@@ -170,8 +177,15 @@ class story(unittest.TestCase):
         eventually(lambda: progress(name) == (len(content),) * 2)
         self.assertEqual(Path(name).read_bytes(), content)
 
+    def restore_many(self, *words, text, **options):
+        done = subprocess.run([SOURCE + "/examples/restore-many.sh", *words], input=text.encode(), timeout=60,
+                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
+                                   "STALL_SECONDS": "1"},
+                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        return done.returncode, sorted(done.stdout.decode().splitlines()), sorted((done.stderr or b"").decode().splitlines())
+
     def files_of_filter(self):
-        return len(os.listdir("/proc/%d/fd" % self.filter.pid))
+        return len(os.listdir("/proc/%d/fd" % self.filter_pid))
 
 
 class SetUp(story):
@@ -252,7 +266,7 @@ class SetUp(story):
 
         Path("image").write_bytes(bytes(8 << 20))
         subprocess.run(["mkntfs", "-qF", "image"], check=True, capture_output=True)
-        mount("ntfs-3g", "image", "ntfs", "streams_interface=windows", self)
+        mount("ntfs-3g", "image", "ntfs", "streams_interface=windows,umask=022", self)
         tagged = "create tag stream: \\Device\\Mup\\s\\d"
         self.check(tagged, "ntfs/\xe9", "\\\\s\\d", "simple", "4", status=0)
         self.check("create local file failed: 50", "ntfs/\xe9", "\\\\s\\d")
@@ -338,7 +352,22 @@ class WithRestoreFilter(story):
         self.filter.send_signal(signal.SIGTERM)
         self.assertEqual(self.filter.wait(20), 0)
 
+    def test_obeys_no_tag_that_others_may_have_chosen(self):
+        def linked(name):
+            os.link(name + ":restore_filter_tag", "link")
+        others = (("writable", lambda name: os.chmod(name + ":restore_filter_tag", 0o620)), ("linked", linked),
+                  *((("tag", lambda name: os.chown(name + ":restore_filter_tag", 65534, 0)),
+                     ("file", lambda name: os.chown(name, 65534, 0))) if IS_ROOT else ()))
+        for name, change in others:
+            with self.subTest(name):
+                status = tool(name, "c:\\data", preexec_fn=lambda: os.umask(0))[0]
+                self.assertEqual((status, send("--progress", name)), (0, 0))
+                change(name)
+                self.start(name, 2, DENIED)
+                self.assertEqual(os.path.getsize(name), 0)
+
     def test_restores_from_every_form_of_backing_path(self):
+        self.assertEqual(resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE), (100, 100))
         Path("back/none").write_bytes(b"")
         with open("back/sparse", "wb") as sparse:
             os.pwrite(sparse.fileno(), self.content, 5 << 20)
@@ -356,10 +385,11 @@ class WithRestoreFilter(story):
                 is_drive = backing[1] == ":"
                 source = "back/" + (backing[3:].replace("\\", "/") if is_drive else "data")
                 size = os.path.getsize(source)
-                self.assertEqual(progress(name), (0, size))
+                self.assertEqual(progress(name), (0, size) if size else (1, 1))
                 status, output = tool("--startAggressiveRestore", reads, name)
                 self.assertEqual((status, output.count("\n")), (0, 3))
-                self.ends_with(name, Path(source).read_bytes())
+                eventually(lambda: progress(name) == ((size,) * 2 if size else (1, 1)))
+                self.assertEqual(Path(name).read_bytes(), Path(source).read_bytes())
                 self.assertEqual(send("--stopAggressiveRestore", name), 0)
         self.assertLess(os.stat(name).st_blocks * 512, 6 << 20)  # the holes are kept
         self.set_up_file("crashed", "c:\\data")
@@ -367,16 +397,17 @@ class WithRestoreFilter(story):
         # As if what was written last had not come to the disk, and somebody had read it.
         subprocess.run(["fallocate", "-l", "3MiB", "crashed"], check=True)
         Path("crashed").read_bytes()
+        self.assertEqual(progress("crashed"), (1 << 20, len(self.content)))
         self.start("crashed")
         self.ends_with("crashed", self.content)
+        # Made in advance, and used by somebody already.
+        self.set_up_file("reserved", "c:\\data")
+        subprocess.run(["fallocate", "-l", str(len(self.content)), "reserved"], check=True)
+        with open("reserved", "r+b") as reserved:
+            os.pwrite(reserved.fileno(), bytes(4096), 2 << 20)
+        self.start("reserved")
+        self.ends_with("reserved", self.content[:2 << 20] + bytes(4096) + self.content[(2 << 20) + 4096:])
         eventually(lambda: self.files_of_filter() <= opened)
-
-    def restore_many(self, *words, text, **options):
-        done = subprocess.run([SOURCE + "/examples/restore-many.sh", *words], input=text.encode(), timeout=60,
-                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
-                                   "STALL_SECONDS": "1"},
-                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-        return done.returncode, sorted(done.stdout.decode().splitlines()), sorted((done.stderr or b"").decode().splitlines())
 
     def test_example_restores_many(self):
         Path("taken").write_bytes(b"mine")
@@ -386,9 +417,9 @@ class WithRestoreFilter(story):
                   "other\tc:\\data\nempty\tc:\\none\nbad\tc:\\x\nno tab\nnopath\t")  # no line end at the end
         for _ in (1, 2):
             self.assertEqual(self.restore_many("4", text=listed), (
-                1, ["./-dash: whole", "one: whole", "two \xe9: whole"],
+                1, ["./-dash: whole", "empty: whole", "one: whole", "two \xe9: whole"],
                 ["bad: not started: message not sent to port: %s; 0x80070002 FilterSendMessage" % PORT,
-                 "empty: stands still: progress: 0x0 of 0x0", "no tab: not set up: no tab and backing path behind it",
+                 "no tab: not set up: no tab and backing path behind it",
                  "nopath: not set up: the backing path is empty or too long",
                  *("%s: not set up: exists, and has no tag for this backing path" % name for name in ("other", "taken"))]))
         for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
@@ -439,10 +470,6 @@ class WithRestoreFilter(story):
             make("linked:restore_filter_tag")
             self.assertNotIn(send("--progress", "linked"), (0, None))
             os.unlink("linked:restore_filter_tag")
-        if IS_ROOT:
-            os.chown("good:restore_filter_tag", 65534, 65534)
-            self.start("good", 2, DENIED)
-            os.chown("good:restore_filter_tag", 0, 0)
         self.set_up_file("itself", os.path.abspath("itself"))
         self.start("itself", 2, INVALID)
         self.start("good", 0, INVALID)
@@ -516,7 +543,7 @@ class WithRestoreFilter(story):
         os.unlink("local")
         eventually(lambda: self.files_of_filter() <= opened)
         # Descriptors that run out refuse a start, but nobody who asks.
-        resource.prlimit(self.filter.pid, resource.RLIMIT_NOFILE, (opened + 25,) * 2)
+        self.limit_descriptors(opened + 25)
         names = ["file%d" % i for i in range(20)]
         for name in names:
             self.set_up_file(name, "c:\\huge")
@@ -568,7 +595,8 @@ class WithRestoreFilter(story):
 class WithPowerShell(story):
     def test_module(self):
         Path("back/none").write_bytes(b"")
-        self.assertTrue(self.start_filter())
+        self.start_filter(*([] if IS_SANITIZED else [*STRACE, "inject=pread64:delay_enter=100ms"]))
+        self.limit_descriptors(30)
         done = subprocess.run([sys.argv[3], "-NoProfile", "-NonInteractive", "-File", SOURCE + "/tests/module_test.ps1"],
                               env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
                                    "HOME": self.folder, "NO_COLOR": "1"}, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300)
@@ -641,12 +669,12 @@ class WithFailingCalls(story):
     @unittest.skipIf(IS_SANITIZED, "with sanitizers")
     def test_is_whole_when_it_is_on_the_disk(self):
         self.set_up_file("local", "c:\\data")
-        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:error=EIO")
+        self.start_filter(*STRACE, "inject=fdatasync:error=EIO")
         self.start("local")
         eventually(lambda: send("--progress", "local") == IO_ERROR)
         self.assertEqual(os.path.getsize("local"), 0)  # what was lost can't be told
         self.stop_filter(self.filter)
-        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fdatasync:delay_enter=2s")
+        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s")
         self.start("local")
         eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
         self.assertLess(os.path.getsize("local"), len(self.content))  # the last block waits for the others
@@ -657,20 +685,59 @@ class WithFailingCalls(story):
         self.ends_with("local", self.content)
 
     @unittest.skipIf(IS_SANITIZED, "with sanitizers")
+    def test_loses_nothing_that_was_there(self):
+        self.set_up_file("local", "c:\\data")
+        Path("local").write_bytes(b"changed by its user" + self.content[19:2000000])
+        kept = Path("local").read_bytes()
+        self.start_filter(*STRACE, "inject=fdatasync:error=ENOSPC:when=2+")
+        self.start("local")
+        eventually(lambda: send("--progress", "local") == FULL)
+        self.assertEqual(Path("local").read_bytes(), kept)
+        self.stop_filter(self.filter)
+
+        self.start_filter(*STRACE, "inject=fdatasync:error=EIO:when=2:delay_enter=2s")
+        for starts in (1, 2):  # once the failure is known, and while it is still to come
+            self.start("local")
+            eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
+            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+            if starts == 2:
+                break
+            with open("local", "r+b") as local:
+                os.pwrite(local.fileno(), b"user", 2500000)
+            stopped = Path("local").read_bytes()
+            eventually(lambda: send("--progress", "local") == IO_ERROR)
+            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+            self.assertEqual(send("--progress", "local"), IO_ERROR)
+            self.assertEqual(Path("local").read_bytes(), stopped)
+        self.start("local")
+        eventually(lambda: send("--progress", "local") == IO_ERROR and Path("local").read_bytes() == kept)
+        self.stop_filter(self.filter)
+        self.start_filter()
+        self.start("local")
+        self.ends_with("local", kept + self.content[len(kept):])
+
+    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
+    def test_lists_go_on_when_the_filter_is_at_its_limit(self):
+        self.start_filter(*STRACE, "inject=pread64:delay_enter=200ms")
+        self.limit_descriptors(30)
+        names = ["file%d" % i for i in range(20)]
+        listed = "".join("%s\tc:\\data\n" % name for name in names)
+        self.assertEqual(self.restore_many("1", text=listed), (0, sorted(name + ": whole" for name in names), []))
+
+    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
     def test_writes_nothing_after_a_stop(self):
         self.set_up_file("local", "c:\\data")
-        self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=pread64:delay_enter=1s")
+        self.start_filter(*STRACE, "inject=pread64:delay_enter=1s")
         self.start("local")  # and its reads are under way
         self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-        pid = Path("/proc/%d/task/%d/children" % ((self.filter.pid,) * 2)).read_text().strip()
-        eventually(lambda: len(os.listdir("/proc/%s/task" % pid)) == 1)
+        eventually(lambda: len(os.listdir("/proc/%d/task" % self.filter_pid)) == 1)
         self.assertEqual(progress("local"), (0, len(self.content)))
 
     def live_through(self, fault):
         for name in ("local", "local:restore_filter_tag"):
             Path(name).unlink(missing_ok=True)
         self.set_up_file("local", "c:\\data")
-        if self.start_filter("strace", "-f", "-qq", "-o", "/dev/null", "-e", fault):
+        if self.start_filter(*STRACE, fault):
             for _ in range(30):  # a fault comes once in each thread, and every start has new ones
                 send("--startAggressiveRestore", "local", "2")
                 now = progress("local")

@@ -44,6 +44,12 @@ foreach ($name in 'c', '-dash', '--ping', 'a[1]*', ' blank "quote"', "$([char]0x
 Pop-Location
 Confirm-That 'the PSDrive' (Test-Path drive)
 
+# What a filter at its limit refuses is started when others are whole.
+$many = @(1..20 | ForEach-Object { New-ZanRestore "many$_" 'c:\data' } | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)
+Confirm-That 'all of many are whole' (@($many | Where-Object IsWhole).Count -eq 20)
+Confirm-That 'an empty one is whole' (@(New-ZanRestore empty 'c:\none' | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)[0].IsWhole)
+New-ZanRestore idle 'c:\data' | Out-Null
+
 # Errors: one a file, with the tool's lines and their HRESULT; terminating when asked to be.
 foreach ($row in @(
         { New-ZanRestore 'foo.' 'c:\data' }, 'ends in a dot', 0x80070057),
@@ -54,7 +60,7 @@ foreach ($row in @(
     @({ Start-ZanRestore one -ConcurrentReads 0 }, 'message not sent to port', 0x80070057),
     @({ Stop-ZanRestore taken }, 'message not sent to port', 0x80070490),
     @({ Get-ZanRestoreProgress missing }, 'Cannot open local file', 0x80004005),
-    @({ Wait-ZanRestore other -StallTimeout 1 }, 'stands still at 0 of 0', 0x80004005)) {
+    @({ Wait-ZanRestore idle -StallTimeout 1 }, 'stands still at 0 of 3145733', 0x80004005)) {
     $caught = $null
     try { & $row[0] | Out-Null } catch { $caught = $_ }
     Confirm-That "the error of $($row[0]): $caught" ("$caught" -match $row[1] -and $caught.Exception.HResult -eq $row[2])

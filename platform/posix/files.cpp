@@ -73,7 +73,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
   if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
-  const int descriptor = open(host.bytes, flags, 0666);
+  // Whoever can write a tag chooses what a filter reads.
+  const int descriptor = open(host.bytes, flags, isStream ? 0644 : 0666);
   if (descriptor < 0) return openFailed(errno, host);
 
   struct stat opened {};

@@ -20,7 +20,8 @@ DWORD windowsErrorFor(int error) {
     case ENFILE: return ERROR_TOO_MANY_OPEN_FILES;
     case EACCES:
     case EPERM:
-    case EISDIR: return ERROR_ACCESS_DENIED;
+    case EISDIR:
+    case EXDEV: return ERROR_ACCESS_DENIED;  // EXDEV: the path leads out of its folder
     case EBADF: return ERROR_INVALID_HANDLE;
     case ENOMEM: return ERROR_NOT_ENOUGH_MEMORY;
     case EROFS: return ERROR_WRITE_PROTECT;

@@ -8,26 +8,24 @@ $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
 $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
+# Out of files, memory or threads: the filter takes more when other files are whole.
+$script:atItsLimit = '80070004', '80070008', '8007000e' | ForEach-Object { [Convert]::ToInt32($_, 16) }
 
 # The tool: beside the module, that is in its folder or the one above, then in the path.
 function Find-Tool {
     # Looked up once: Get-Command takes ten times as long as the tool itself.
     if ($script:tool -and $script:toolPath -ceq $env:PATH) { return $script:tool }
-    $script:tool = Search-Tool
-    $script:toolPath = $env:PATH
-    $script:tool
-}
-
-function Search-Tool {
     $name = if ($script:isOnWindows) { 'zan_restore.exe' } else { 'zan_restore' }
-    foreach ($folder in $PSScriptRoot, (Split-Path $PSScriptRoot)) {
-        $candidate = Join-Path $folder $name
-        if (Test-Path -LiteralPath $candidate -PathType Leaf) { return $candidate }
+    $found = @($PSScriptRoot, (Split-Path $PSScriptRoot) | ForEach-Object { Join-Path $_ $name } |
+            Where-Object { Test-Path -LiteralPath $_ -PathType Leaf })
+    if (-not $found) { $found = @(Get-Command -Name $name -CommandType Application -ErrorAction Ignore | ForEach-Object Path) }
+    if (-not $found) {
+        throw [IO.FileNotFoundException]::new(
+            "$name was found neither beside the module ($PSScriptRoot) nor in the path.", $name)
     }
-    $found = @(Get-Command -Name $name -CommandType Application -ErrorAction Ignore)
-    if ($found) { return $found[0].Path }
-    throw [IO.FileNotFoundException]::new(
-        "$name was found neither beside the module ($PSScriptRoot) nor in the path.", $name)
+    $script:toolPath = $env:PATH
+    $script:tool = $found[0]
+    $script:tool
 }
 
 # One command line out of many words, as every Windows program takes it apart: a quote inside
@@ -58,7 +56,8 @@ function Invoke-Tool([string[]] $Words) {
         $hresult = 0
         if ($process.ExitCode -ne 0) {
             $hresult = $script:generalFailure
-            if ($text -match '(?m)^0x([0-9a-f]{1,8})\[') {
+            # The HRESULT and the function's name come in an order that the compiler chooses.
+            if ($text -match '(?m)^0x([0-9a-f]{1,8})(?:\[|\r?$)') {
                 $hresult = [Convert]::ToInt32($Matches[1], 16)
             } elseif ($text -match '^(?:create|writing) .* failed: ([0-9a-f]{1,4})$') {
                 $hresult = [Convert]::ToInt32('8007' + $Matches[1].PadLeft(4, '0'), 16)
@@ -98,6 +97,18 @@ function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] 
 function Write-Refusal($Reason, [string] $File, $Cmdlet) {
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new(
             $Reason.Exception, 'ZanRestore.Refused', 'InvalidArgument', $File))
+}
+
+# Runs the tool on one file, with the words that `Words` makes of its whole path, unless -WhatIf
+# or the user forbids the deed. The answer with the file's path; null when the tool did not run.
+function Invoke-ToolOn([string] $Path, [string] $Deed, [scriptblock] $Words, $Cmdlet) {
+    try {
+        $file = Resolve-File $Path $Cmdlet
+        if ($Deed -and -not $Cmdlet.ShouldProcess($file, $Deed)) { return }
+        Invoke-Tool (& $Words $file) | Add-Member File $file -PassThru
+    } catch {
+        Write-Refusal $_ $Path $Cmdlet
+    }
 }
 
 # Whether the file has a tag that names this backing file; the tag's layout is the filter's
@@ -140,6 +151,24 @@ function Read-Progress([string] $File, $Cmdlet) {
     }
 }
 
+# Passes a file on whose restoration has begun, and is true; otherwise writes the failure.
+function Write-Start([string] $File, $Answer, $Cmdlet) {
+    $isRunning = $Answer.Status -ne 0 -and $Answer.HResult -eq $script:alreadyRunning
+    if ($isRunning) { Write-Verbose "${File}: is being restored already" }
+    if ($Answer.Status -ne 0 -and -not $isRunning) {
+        Write-Failure $File $Answer.Text $Answer.HResult 'ZanRestore.Start' $Cmdlet
+        return $false
+    }
+    $Cmdlet.WriteObject((Get-Item -LiteralPath $File -Force))
+    $true
+}
+
+# Whether a file is neither whole nor has failed.
+function Test-Running([string] $File) {
+    $answer = Invoke-Tool '--progress', $File
+    $answer.Status -eq 0 -and $answer.Text -notmatch '^progress: 0x(?!0 )([0-9a-f]+) of 0x\1$'
+}
+
 function New-ZanRestore {
     <#
     .SYNOPSIS
@@ -175,23 +204,18 @@ function New-ZanRestore {
         [Parameter(ValueFromPipelineByPropertyName)] [int] $ConcurrentReads
     )
     process {
-        try {
-            $file = Resolve-File $Path $PSCmdlet
-            if (-not $PSCmdlet.ShouldProcess($file, "set up to be restored from $BackingPath")) { return }
-            $words = @($file, $BackingPath)
-            if ($ConcurrentReads -ne 0) { $words += 'simple', "$ConcurrentReads" } # 0 also for a row without
-            $answer = Invoke-Tool $words
-        } catch {
-            Write-Refusal $_ $Path $PSCmdlet
-            return
-        }
-        if ($answer.Status -eq 0) {
-            Get-Item -LiteralPath $file -Force
-        } elseif ($answer.HResult -eq $script:alreadyThere -and (Test-Tag $file $BackingPath)) {
-            Write-Verbose "${file}: has its tag already"
-            Get-Item -LiteralPath $file -Force
+        # 0 also when the row lacks the column
+        $strategy = if ($ConcurrentReads -ne 0) { 'simple', "$ConcurrentReads" } else { @() }
+        $answer = Invoke-ToolOn $Path "set up to be restored from $BackingPath" {
+            param($file) @($file, $BackingPath) + $strategy
+        } $PSCmdlet
+        if (-not $answer) { return }
+        $isThere = $answer.Status -ne 0 -and $answer.HResult -eq $script:alreadyThere -and (Test-Tag $answer.File $BackingPath)
+        if ($isThere) { Write-Verbose "$($answer.File): has its tag already" }
+        if ($answer.Status -eq 0 -or $isThere) {
+            Get-Item -LiteralPath $answer.File -Force
         } else {
-            Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.SetUp' $PSCmdlet
+            Write-Failure $answer.File $answer.Text $answer.HResult 'ZanRestore.SetUp' $PSCmdlet
         }
     }
 }
@@ -202,7 +226,8 @@ function Start-ZanRestore {
     Starts the aggressive restoration of a file that has been set up.
     .DESCRIPTION
     Returns when the restoration has begun; Wait-ZanRestore waits for its end. A file that is
-    being restored already is passed on.
+    being restored already is passed on. One that a filter refuses because it is out of files,
+    memory or threads is started when others are whole.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
@@ -219,21 +244,33 @@ function Start-ZanRestore {
         [Alias('FullName', 'File')] [string] $Path,
         [Parameter(Mandatory, Position = 1, ValueFromPipelineByPropertyName)] [int] $ConcurrentReads
     )
+    begin {
+        $started = @()
+        $refused = [Collections.Queue]::new()
+    }
     process {
-        try {
-            $file = Resolve-File $Path $PSCmdlet
-            if (-not $PSCmdlet.ShouldProcess($file, "start aggressive restoration with $ConcurrentReads reads")) { return }
-            $answer = Invoke-Tool '--startAggressiveRestore', "$ConcurrentReads", $file
-        } catch {
-            Write-Refusal $_ $Path $PSCmdlet
-            return
+        $words = { param($file) '--startAggressiveRestore', "$ConcurrentReads", $file }
+        $answer = Invoke-ToolOn $Path "start aggressive restoration with $ConcurrentReads reads" $words $PSCmdlet
+        if (-not $answer) { return }
+        if ($answer.HResult -in $script:atItsLimit) {
+            $refused.Enqueue(@{ File = $answer.File; Reads = $ConcurrentReads })
+        } elseif (Write-Start $answer.File $answer $PSCmdlet) {
+            $started += $answer.File
         }
-        if ($answer.Status -ne 0 -and $answer.HResult -ne $script:alreadyRunning) {
-            Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.Start' $PSCmdlet
-            return
+    }
+    end {
+        while ($refused.Count) {
+            $running = @($started | Where-Object { Test-Running $_ })
+            if ($running.Count -and $running.Count -eq $started.Count) { Start-Sleep -Milliseconds 200; continue }
+            $started = $running
+            while ($refused.Count) {
+                $next = $refused.Peek()
+                $answer = Invoke-Tool '--startAggressiveRestore', "$($next.Reads)", $next.File
+                if ($answer.HResult -in $script:atItsLimit -and $started) { break }
+                if (Write-Start $next.File $answer $PSCmdlet) { $started += $next.File }
+                [void] $refused.Dequeue()
+            }
         }
-        if ($answer.Status -ne 0) { Write-Verbose "${file}: is being restored already" }
-        Get-Item -LiteralPath $file -Force
     }
 }
 
@@ -254,15 +291,11 @@ function Stop-ZanRestore {
         [Alias('FullName', 'File')] [string] $Path
     )
     process {
-        try {
-            $file = Resolve-File $Path $PSCmdlet
-            if (-not $PSCmdlet.ShouldProcess($file, 'stop aggressive restoration')) { return }
-            $answer = Invoke-Tool '--stopAggressiveRestore', $file
-        } catch {
-            Write-Refusal $_ $Path $PSCmdlet
-            return
+        $words = { param($file) '--stopAggressiveRestore', $file }
+        $answer = Invoke-ToolOn $Path 'stop aggressive restoration' $words $PSCmdlet
+        if ($answer -and $answer.Status -ne 0) {
+            Write-Failure $answer.File $answer.Text $answer.HResult 'ZanRestore.Stop' $PSCmdlet
         }
-        if ($answer.Status -ne 0) { Write-Failure $file $answer.Text $answer.HResult 'ZanRestore.Stop' $PSCmdlet }
     }
 }
 
@@ -284,12 +317,8 @@ function Test-ZanRestore {
         [Alias('FullName', 'File')] [string] $Path
     )
     process {
-        try {
-            $answer = Invoke-Tool '--ping', (Resolve-File $Path $PSCmdlet)
-        } catch {
-            Write-Refusal $_ $Path $PSCmdlet
-            return
-        }
+        $answer = Invoke-ToolOn $Path '' { param($file) '--ping', $file } $PSCmdlet
+        if (-not $answer) { return }
         Write-Verbose $answer.Text
         $answer.Status -eq 0
     }
