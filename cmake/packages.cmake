@@ -9,7 +9,7 @@ else()
   set(ZAN_DOCUMENTS ${CMAKE_INSTALL_DOCDIR})
 endif()
 
-install(TARGETS zan_restore DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS zan_restore zan_filter_check DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/zan_restore_filter.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES README.md CHANGELOG.md DESTINATION ${ZAN_DOCUMENTS})
 install(FILES docs/failures.md docs/fleets.md docs/restore-filter-contract.md
@@ -30,6 +30,9 @@ else()
     install(FILES ${compressed} DESTINATION ${folder} ${component})
   endfunction()
   compressed(${PROJECT_SOURCE_DIR}/docs/zan_restore.1 zan_restore.1 "" ${CMAKE_INSTALL_MANDIR}/man1)
+  # One page tells of both programs.
+  file(CREATE_LINK zan_restore.1.gz ${PROJECT_BINARY_DIR}/zan_filter_check.1.gz SYMBOLIC)
+  install(FILES ${PROJECT_BINARY_DIR}/zan_filter_check.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   # What only the .deb has, not `cmake --install`.
   compressed(${PROJECT_SOURCE_DIR}/packaging/changelog changelog "COMPONENT;deb;EXCLUDE_FROM_ALL"
     ${ZAN_DOCUMENTS})

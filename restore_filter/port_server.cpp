@@ -64,8 +64,10 @@ void port_server::serve(int stop) {
     if (waiting[0].revents != 0) return;
 
     const auto* ready = waiting.data() + 1 + ports.size();
-    std::erase_if(connections,
-                  [&](connection& each) { return (ready++)->revents != 0 && !receive(each); });
+    std::erase_if(connections, [&](connection& each) {
+      const short events = (ready++)->revents;
+      return events != 0 && !receive(each, (events & POLLHUP) != 0);
+    });
     for (std::size_t i = 0; i < ports.size(); ++i) {
       if (waiting[1 + i].revents != 0) accept(ports[i]);
     }
@@ -102,12 +104,13 @@ void port_server::accept(const port& from) {
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
 }
 
-// Takes one packet and answers it. False when the connection is over.
-bool port_server::receive(connection& from) {
+// Takes one packet and answers it. False when the connection is over: then a packet seems to
+// come that is empty.
+bool port_server::receive(connection& from, bool isHungUp) {
   std::array<char, 64> packet;  // more than any packet that is in order
   const ssize_t size = recv(from.socket.get(), packet.data(), packet.size(), MSG_TRUNC);
   if (size < 0 && errno == EAGAIN) return true;
-  if (size <= 0) return false;
+  if (size < 0 || (size == 0 && isHungUp)) return false;
 
   ProgressInfo reply{};
   std::size_t replySize = 0;

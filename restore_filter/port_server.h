@@ -40,7 +40,7 @@ class port_server {
 
   void dropConnection();
   void accept(const port& from);
-  bool receive(connection& from);
+  bool receive(connection& from, bool isHungUp);
   HRESULT answer(connection& from, const void* packet, std::size_t size, ProgressInfo& reply,
                  std::size_t& replySize);
 

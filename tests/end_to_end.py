@@ -1,40 +1,50 @@
 #!/usr/bin/env python3
-"""End to end: the built program on real file systems, and filter control against the
-built restore_filter and a peer that speaks the ports' framing and says what a test wants.
+"""End to end: the programs of a build folder on real file systems, and filter control against
+restore_filter and a peer that speaks the ports' framing and says what a test wants.
 
-    end_to_end.py ZAN_RESTORE RESTORE_FILTER         # Linux; as root more file systems and users
-    end_to_end.py ZAN_RESTORE RESTORE_FILTER PWSH    # the PowerShell module alone
-    end_to_end.py WINE ZAN_RESTORE.EXE               # control against the fltlib.dll of the tests
+    end_to_end.py BUILD                    # Linux, as root more file systems and users; Windows
+    end_to_end.py BUILD --emulator WINE    # and control against the fltlib.dll of the tests
+    end_to_end.py BUILD --pwsh PWSH        # the PowerShell module alone
 """
 
-import contextlib, ctypes, fcntl, itertools, os, pty, random, re, resource, shutil, signal, socket, struct
-import subprocess, sys, tempfile, threading, time, unittest
+import argparse, contextlib, itertools, os, re, shutil, signal, socket, struct, subprocess, sys, tempfile
+import threading, time, unittest
 from pathlib import Path
 
-TOOL, FILTER = map(os.path.abspath, sys.argv[1:3])
-IS_WINDOWS = FILTER.endswith(".exe")
-PROGRAM = [TOOL, FILTER] if IS_WINDOWS else [TOOL]
-SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-IS_ROOT = os.geteuid() == 0
-IS_SANITIZED = b"libasan" in Path(FILTER).read_bytes()
-CONTEXT = bytes(40)
-NOT_FOUND, NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, NOT_WHOLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, \
-    IO_ERROR, NOT_TAGGED = (0x80070000 | code for code in (2, 3, 4, 5, 6, 13, 32, 87, 112, 170, 1006, 1117, 1168))
-# A user's locale must make no difference; Wine's own names of files follow it.
+if os.name == "posix":
+    import ctypes, fcntl, pty, resource
+
+options = argparse.ArgumentParser()
+options.add_argument("build", type=lambda path: Path(path).resolve())
+options.add_argument("--emulator")
+options.add_argument("--pwsh")
+options.add_argument("--sanitized", action="store_true")
+GIVEN = options.parse_args()
+IS_WINDOWS = (GIVEN.build / "zan_restore.exe").exists()
+TOOL, CHECK = (str(GIVEN.build / name) + ".exe" * IS_WINDOWS for name in ("zan_restore", "zan_filter_check"))
+EMULATOR = [os.path.abspath(GIVEN.emulator)] if GIVEN.emulator else []
+FILTER = str(GIVEN.build / "restore_filter")
+SOURCE = Path(__file__).resolve().parent.parent
+IS_ROOT = os.name == "posix" and os.geteuid() == 0
+NOT_FOUND, NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, INVALID, FULL, BUSY, TOO_SHORT, IO_ERROR = \
+    (0x80070000 | code for code in (2, 3, 4, 5, 6, 32, 87, 112, 170, 1006, 1117))
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
+# A user's locale must make no difference; Wine's own names of files follow it.
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
+IN_PATH = {**os.environ, "PATH": str(GIVEN.build) + os.pathsep + os.environ["PATH"]}
 
 
 def volume_of(path):
     return "Volume{00000000-0000-0000-0000-%012x}" % os.stat(path).st_dev
 
 
-PORT = "\\zan_restore_filter-" + volume_of(tempfile.gettempdir())
+def port_of(path):
+    return "\\zan_restore_filter-" + volume_of(path)
 
 
-def tool(*words, program=PROGRAM, **options):
+def tool(*words, program=(TOOL,), **options):
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "env": ENVIRONMENT, **options}
-    done = subprocess.run([*program, *words], timeout=60, encoding="utf-8", errors="surrogateescape",
+    done = subprocess.run([*EMULATOR, *program, *words], timeout=60, encoding="utf-8", errors="surrogateescape",
                           **options)
     return done.returncode, done.stdout
 
@@ -57,38 +67,17 @@ def eventually(condition, seconds=20):
 def progress(path):
     """What --progress prints, as two numbers; None when the query failed."""
     status, output = tool("--progress", path)
-    if status != 0:
-        return None
-    words = output.split()
-    return int(words[1], 16), int(words[3], 16)
-
-
-class connection:
-    """A client of a port that sends what it likes."""
-
-    def __init__(self, context=CONTEXT):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.socket.settimeout(20)
-        self.socket.connect("\0" + PORT)
-        self.result = self.exchange(context)
-
-    def exchange(self, packet):
-        self.socket.send(packet)
-        answer = self.socket.recv(64)
-        return struct.unpack("<I", answer[:4])[0] if answer else None
-
-    def send(self, handle, operation, kind=0, reads=0):
-        return self.exchange(struct.pack("<IQIIiI", 16, handle, operation, kind, reads, 0))
+    return None if status else tuple(int(word, 16) for word in output.split() if word.startswith("0x"))
 
 
 @contextlib.contextmanager
-def peer(*answers, owner=os.geteuid()):
-    """A port that answers a connection and a message with these packets; None closes the
-    connection instead. Gives the packets that it got."""
+def peer(*answers, owner=0):
+    """A port that answers a connection and a message with these packets, and nothing to any
+    more; None closes the connection instead. Gives the packets that it got."""
     packets = []
     with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
-        listener.bind("\0" + PORT)
-        os.seteuid(owner)
+        listener.bind("\0" + port_of("."))
+        os.seteuid(owner or os.getuid())
         listener.listen()
         os.seteuid(os.getuid())
 
@@ -100,7 +89,8 @@ def peer(*answers, owner=os.geteuid()):
                     if answer is None or not packets[-1]:
                         return
                     client.send(answer)
-                client.recv(1)
+                while client.recv(100):
+                    pass
 
         thread = threading.Thread(target=serve)
         thread.start()
@@ -121,39 +111,31 @@ def monitor():
                 lines.append(listener.recv(4096).decode())
 
 
-def mount(kind, source, folder, options, test):
-    os.mkdir(folder)
-    subprocess.run(["mount", "-t", kind, "-o", options, source, folder], check=True)
-    test.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
-
-
 class story(unittest.TestCase):
-    """Each test in a scratch folder, with backing files in it."""
+    """Each test in a scratch folder, with a backing file in it."""
 
     def setUp(self):
-        self.folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.addCleanup(os.chdir, "/")
-        os.chdir(self.folder)
-        os.makedirs("back/sub")
+        self.folder = self.enterContext(tempfile.TemporaryDirectory())
+        self.enterContext(contextlib.chdir(self.folder))
+        os.mkdir("back")
         self.content = os.urandom(3 * 1024 * 1024 + 5)
         Path("back/data").write_bytes(self.content)
 
+    def mount(self, kind, source, folder, options):
+        os.mkdir(folder)
+        subprocess.run(["mount", "-t", kind, "-o", options, source, folder], check=True)
+        self.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
+
     def start_filter(self, *prefix, folder="."):
-        """A filter with few descriptors; whether it has attached to the folder's volume, once."""
+        """A filter with few descriptors, attached twice to the folder's volume; whether it runs."""
         self.filter = subprocess.Popen(
-            ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back",
-             "--share", r"\\srv\share=back", folder, folder],
-            stdout=subprocess.PIPE, text=True, start_new_session=True)
+            ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back",
+             folder, folder], stdout=subprocess.PIPE, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
-        port = "\\zan_restore_filter-" + volume_of(folder)
-        has_attached = [self.filter.stdout.readline() for _ in (1, 2)] == ["%s: %s\n" % (folder, port)] * 2
+        lines = [self.filter.stdout.readline() for _ in (1, 2)]
         traced = Path("/proc/%d/task/%d/children" % ((self.filter.pid,) * 2)).read_text().split()
         self.filter_pid = int((traced or [self.filter.pid])[0])
-        return has_attached
-
-    def limit_descriptors(self, count):
-        resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, count))
+        return lines == ["%s: %s\n" % (folder, port_of(folder))] * 2
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
@@ -161,7 +143,13 @@ class story(unittest.TestCase):
         running.wait()
         running.stdout.close()
 
-    def set_up_file(self, name, backing):
+    def limit_descriptors(self, count):
+        resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, count))
+
+    def files_of_filter(self):
+        return len(os.listdir("/proc/%d/fd" % self.filter_pid))
+
+    def set_up_file(self, name, backing="c:\\data"):
         self.assertEqual(tool(name, backing)[0], 0)
 
     def set_up_huge(self, name):
@@ -178,14 +166,9 @@ class story(unittest.TestCase):
         self.assertEqual(Path(name).read_bytes(), content)
 
     def restore_many(self, *words, text, **options):
-        done = subprocess.run([SOURCE + "/examples/restore-many.sh", *words], input=text.encode(), timeout=60,
-                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
-                                   "STALL_SECONDS": "1"},
-                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-        return done.returncode, sorted(done.stdout.decode().splitlines()), sorted((done.stderr or b"").decode().splitlines())
-
-    def files_of_filter(self):
-        return len(os.listdir("/proc/%d/fd" % self.filter_pid))
+        done = subprocess.run([SOURCE / "examples/restore-many.sh", *words], input=text.encode(), timeout=60,
+                              env=IN_PATH, **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        return done.returncode, *(sorted((text or b"").decode().splitlines()) for text in (done.stdout, done.stderr))
 
 
 class SetUp(story):
@@ -195,70 +178,57 @@ class SetUp(story):
     @staticmethod
     def record(name):
         # Wine has no named streams: it makes a file of the stream's name.
-        return Path(name + ":restore_filter_tag" + (":$DATA" if IS_WINDOWS else ""))
+        with open(name + ":restore_filter_tag" + (":$DATA" if EMULATOR else ""), "rb") as stream:
+            return stream.read()
 
     def test_creates_a_tagged_file_or_nothing(self):
-        self.check("create tag stream: \\??\\c:\\dir\\foo.txt", "file", "c:\\dir\\foo.txt", status=0,
-                   preexec_fn=lambda: os.umask(0o022))
-        self.assertEqual((os.path.getsize("file"), oct(os.stat("file").st_mode)), (0, "0o100644"))
-        self.assertEqual(len(self.record("file").read_bytes()), 16376)
-        self.assertEqual(self.record("file").read_bytes()[24:44], b"\x08\0\x24\0" + bytes(8) +
-                         "\\??\\".encode("utf-16-le"))
-        self.check("create local file failed: 50", "back/data", "c:\\x")
-        self.assertEqual(Path("back/data").read_bytes(), self.content)
-        self.assertFalse(self.record("back/data").exists())
-        self.check("create local file failed: 3", "nodir/f", "c:\\x")
         name = "n\xe9\u20ac\u4e2d\U0001f600"
         self.check("create tag stream: \\??\\c:\\" + name, name, "c:\\" + name, "simple", "4", status=0)
-        self.assertTrue(os.path.exists(name))
-        with open("/dev/full", "w") as full:  # what can't be printed changes nothing
-            self.assertEqual(tool("full", "c:\\x", stdout=full)[0], 0)
-        self.assertEqual(len(self.record("full").read_bytes()), 16376)
+        self.assertEqual(os.path.getsize(name), 0)
+        record = self.record(name)
+        self.assertEqual((len(record), record[36:44]), (16376, "\\??\\".encode("utf-16-le")))
+        self.check("create local file failed: 50", os.path.join("back", "data"), "c:\\x")
+        self.assertEqual(Path("back/data").read_bytes(), self.content)
+        with self.assertRaises(FileNotFoundError):
+            self.record("back/data")
+        self.check("create local file failed: 3", os.path.join("nodir", "f"), "c:\\x")
+        if EMULATOR:  # f:restore_filter_tag begins with a drive, and the stream can't be made
+            self.check("create tag stream failed: 2", "f", "c:\\x")
+            self.assertFalse(os.path.exists("f"))
 
-    @unittest.skipUnless(IS_WINDOWS, "for the Windows executable")
-    def test_under_wine(self):
-        # f:restore_filter_tag begins with a drive, and the stream can't be made.
-        self.check("create tag stream failed: 2", "f", "c:\\x")
-        self.assertFalse(os.path.exists("f"))
 
-    @unittest.skipIf(IS_WINDOWS, "for Linux")
-    def test_on_linux(self):
+class SetUpOnLinux(SetUp):
+    def test_bad_names_and_odd_surroundings(self):
         os.symlink("nowhere", "link")
         Path("stale:restore_filter_tag").write_text("mine")
         before = sorted(os.listdir())
         for name, failure in (
                 ("back", "local file failed: 50"), ("link", "local file failed: 50"),
-                ("back/data/f", "local file failed: 3"), ("", "local file failed: 3"),
-                ("x" * 256, "local file failed: ce"), ("x" * 4096, "local file failed: ce"),
+                ("back/data/f", "local file failed: 3"), ("x" * 4096, "local file failed: ce"),
                 ("typed:$DATA", "local file failed: 7b"), ("typed:s:$DATA", "tag stream failed: 7b"),
                 ("x" * 250, "tag stream failed: ce"), ("stale", "tag stream failed: 50")):
             self.check("create " + failure, name, "c:\\x")
-        def limit(which):
+        def limited(which):
             return lambda: resource.setrlimit(which, (3, 3))
-        self.check("writing tag stream failed: df", "limited", "c:\\x",
-                   preexec_fn=limit(resource.RLIMIT_FSIZE))
-        if "Where" in tool(preexec_fn=limit(resource.RLIMIT_NOFILE))[1]:  # it could start at all
-            self.check("create local file failed: 4", "new", "c:\\x",
-                       preexec_fn=limit(resource.RLIMIT_NOFILE))
+        self.check("writing tag stream failed: df", "limited", "c:\\x", preexec_fn=limited(resource.RLIMIT_FSIZE))
         self.assertEqual(sorted(os.listdir()), before)
         self.assertEqual(Path("stale:restore_filter_tag").read_text(), "mine")
 
         name = "bad\udcff\udcc3"  # bytes that are no UTF-8
-        self.check("create tag stream: \\??\\c:\\" + name, name, "c:\\" + name, status=0)
-        self.assertIn(b"bad\xff\xc3", os.listdir(b"."))
-        closed = {"preexec_fn": lambda: os.closerange(0, 3)}
-        self.assertEqual(tool("closed", "c:\\x", **closed)[0], 0)
-        self.assertEqual(len(self.record("closed").read_bytes()), 16376)
-        self.assertEqual(tool("closed", "c:\\x", **closed)[0], 1)
+        self.check("create tag stream: \\??\\c:\\" + name, name, "c:\\" + name, status=0,
+                   preexec_fn=lambda: os.umask(0))
+        modes = [oct(os.stat(file).st_mode & 0o777) for file in (name, name + ":restore_filter_tag")]
+        self.assertEqual(modes, ["0o666", "0o644"])  # who writes a tag chooses what is read
+        self.assertEqual(tool("closed", "c:\\x", preexec_fn=lambda: os.closerange(0, 3))[0], 0)
+        self.assertEqual(len(self.record("closed")), 16376)
         reading, writing = os.pipe()
         os.close(reading)
         self.assertEqual(tool("piped", "c:\\x", stdout=writing)[0], 0)
         os.close(writing)
 
-    @unittest.skipIf(IS_WINDOWS, "for Linux")
     @unittest.skipUnless(IS_ROOT, "a full disk and NTFS need root")
     def test_on_other_file_systems(self):
-        mount("tmpfs", "none", "small", "size=8k", self)
+        self.mount("tmpfs", "none", "small", "size=8k")
         self.check("writing tag stream failed: 70", "small/f", "c:\\x")
         self.assertEqual(os.listdir("small"), [])
         subprocess.run(["mount", "-o", "remount,ro", "small"], check=True)
@@ -266,7 +236,7 @@ class SetUp(story):
 
         Path("image").write_bytes(bytes(8 << 20))
         subprocess.run(["mkntfs", "-qF", "image"], check=True, capture_output=True)
-        mount("ntfs-3g", "image", "ntfs", "streams_interface=windows,umask=022", self)
+        self.mount("ntfs-3g", "image", "ntfs", "streams_interface=windows,umask=022")
         tagged = "create tag stream: \\Device\\Mup\\s\\d"
         self.check(tagged, "ntfs/\xe9", "\\\\s\\d", "simple", "4", status=0)
         self.check("create local file failed: 50", "ntfs/\xe9", "\\\\s\\d")
@@ -279,12 +249,11 @@ class SetUp(story):
         self.check(tagged, "same", "\\\\s\\d", "simple", "4", status=0)
         read = subprocess.run(["ntfscat", "-n", "restore_filter_tag", "image", "\xe9"], check=True,
                               capture_output=True, env={**os.environ, "LC_ALL": "C.UTF-8"})
-        self.assertEqual(read.stdout, self.record("same").read_bytes())
+        self.assertEqual(read.stdout, self.record("same"))
 
 
-@unittest.skipUnless(IS_WINDOWS, "for the Windows executable")
-class WindowsControl(story):
-    """The executable that ships, with the fltlib.dll of the tests in Wine's System32."""
+class ControlUnderWine(story):
+    """The executables that ship, with the fltlib.dll of the tests in Wine's System32."""
 
     VOLUME = "Volume{00000000-0000-0000-0000-000000000043}"  # Wine's drive C
     PORT = "\\zan_restore_filter-" + VOLUME
@@ -292,56 +261,49 @@ class WindowsControl(story):
     def setUp(self):
         super().setUp()
         tool()  # makes Wine's drive C when it is not there yet
-        self.drive = Path(os.environ.get("WINEPREFIX", SOURCE + "/build/wine"), "drive_c")
-        library = self.drive / "windows/system32/fltlib.dll"
+        drive = Path(os.environ.get("WINEPREFIX", SOURCE / "build/wine"), "drive_c")
+        library = drive / "windows/system32/fltlib.dll"
         self.addCleanup(library.write_bytes, library.read_bytes())
-        library.write_bytes(Path(FILTER).with_name("tests").joinpath("fltlib.dll").read_bytes())
-        (self.drive / "local").write_text("abc")
-        shutil.copy(FILTER, "tool.exe")
+        library.write_bytes((GIVEN.build / "tests/fltlib.dll").read_bytes())
+        (drive / "local").write_text("abc")
+        shutil.copy(TOOL, "tool.exe")
         Path("fltlib.dll").write_text("what lies beside the executable is never loaded")
 
-    def control(self, words, settings):
-        """Status, output with the diagnosis cut to its HRESULT, calls of fltlib, trace lines."""
-        given = {"FLTLIB_LOG": "log", "FLTLIB_DEVICE": "\\Device\\HarddiskVolume1", "FLTLIB_SIZE": "900",
-                 "WINEDLLOVERRIDES": "fltlib=n", "WINEDEBUG": "warn+seh", **settings}
+    def control(self, *words, program="./tool.exe", **settings):
+        """Status, output with the diagnosis cut to its HRESULT, calls of fltlib."""
         Path("log").write_text("")
-        with open("trace", "w+") as trace:
-            status, output = tool(*words.split(), "c:\\local", program=[TOOL, "./tool.exe"], stderr=trace,
-                                  env={**ENVIRONMENT, **given})
-        traces = re.findall(r'OutputDebugStringA "(.*)\\n"', Path("trace").read_text(errors="replace"))
+        status, output = tool(*words, program=[program], env={
+            **ENVIRONMENT, "FLTLIB_LOG": "log", "WINEDLLOVERRIDES": "fltlib=n", **settings})
         output = re.sub(r"fsfilter.*\n.*\n.*\n(0x\w+)\[.*\n\n", r"<\1>\n", output)
-        return status, output, Path("log").read_text().splitlines(), [t.replace("\\\\", "\\") for t in traces]
+        return status, output, Path("log").read_text().splitlines()
 
-    def test_control(self):
-        volume, none = "volume is: %s\n" % self.VOLUME, "no filter instance found for c:\\local\n"
-        checking = "checking instance for volume: %s - \\Device\\HarddiskVolume%d\n"
-        sending = volume + checking % (self.VOLUME, 1) + "sending to instance to port: %s\n" % self.PORT
-        not_sent = "message not sent to port: %s\n" % self.PORT
-        first, larger = ("FindFirst zan_restore_filter 3 %d" % size for size in (512, 1024))
-        find = [first, larger, "FindNext 1024", "FindClose"]
-        sent = [*find, "Connect %s 0 %s" % (self.PORT, bytes(40).hex())]
-        refused = "FilterConnectCommunicationPort failed: portName = %s, error = 0x80070005" % self.PORT
-        table = (
-            ("--ping", {}, 0, sending, [*sent, "Send 3 00000000000000000000000000000000 0"]),
-            ("--startAggressiveRestore 4", {}, 0, sending,
-             [*sent, "Send 3 01000000010000000400000000000000 0"]),
-            ("--stopAggressiveRestore", {}, 0, sending, [*sent, "Send 3 02000000000000000000000000000000 0"]),
-            ("--progress", {"FLTLIB_REPLY": "0100000000000000ff00000000000080"}, 0,
-             "progress: 0x1 of 0x80000000000000ff\n", [*sent, "Send 3 03000000000000000000000000000000 16"]),
-            ("--ping", {"FLTLIB_FIND": "801f0013"}, 1, volume + none, [first, "FindClose"],
-             "FilterInstanceFindFirst failed: status = 0x801f0013"),
-            ("--ping", {"FLTLIB_DEVICE": "\\Device\\HarddiskVolume9"}, 1, volume + checking % ("", 9) + none, find),
-            ("--ping", {"FLTLIB_SEND": "80070057"}, 1, sending + not_sent + "<0x80070057>\n",
-             [*sent, "Send 3 00000000000000000000000000000000 0"]),
-            ("--ping", {"FLTLIB_CONNECT": "80070005"}, 1, sending + not_sent + "<0x80070006>\n",
-             [*sent, "Send 3 00000000000000000000000000000000 0"], refused))
-        for words, settings, status, output, calls, *traces in table:
-            with self.subTest(words, **settings):
-                self.assertEqual(self.control(words, settings), (status, output, calls, traces),
-                                 Path("trace").read_text(errors="replace")[-2000:])
+    def test_tool(self):
+        sending = ("volume is: %s\nchecking instance for volume: %s - \\Device\\HarddiskVolume1\n"
+                   "sending to instance to port: %s\n" % (self.VOLUME, self.VOLUME, self.PORT))
+        calls = ["FindFirst zan_restore_filter 3", "FindNext", "FindClose",
+                 "Connect %s 0 %s" % (self.PORT, bytes(40).hex())]
+        for words, settings, expected in (
+                (["--startAggressiveRestore", "4"], {}, (0, sending, "01000000010000000400000000000000 0")),
+                (["--progress"], {"FLTLIB_REPLY": "0100000000000000ff00000000000080"},
+                 (0, "progress: 0x1 of 0x80000000000000ff\n", "03000000000000000000000000000000 16")),
+                (["--ping"], {"FLTLIB_SEND": "80070057"},
+                 (1, sending + "message not sent to port: %s\n<0x80070057>\n" % self.PORT,
+                  "00000000000000000000000000000000 0"))):
+            with self.subTest(words):
+                status, output, sent = expected
+                self.assertEqual(self.control(*words, "c:\\local", **settings),
+                                 (status, output, [*calls, "Send 3 " + sent]))
+
+    def test_check(self):
+        for settings, ending in (
+                ({"FLTLIB_FIND": "801f0013"}, r"Bail out! no instance of zan_restore_filter on the volume\n.*\n"),
+                ({"FLTLIB_SEND": "80070057"}, r"# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
+            status, output, _ = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
+            self.assertEqual(status, 1)
+            self.assertRegex(output, r"\ATAP version 13\n1\.\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
+            self.assertEqual(os.listdir("back"), ["data"])
 
 
-@unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithRestoreFilter(story):
     def setUp(self):
         super().setUp()
@@ -352,189 +314,109 @@ class WithRestoreFilter(story):
         self.filter.send_signal(signal.SIGTERM)
         self.assertEqual(self.filter.wait(20), 0)
 
+    def test_keeps_the_contract(self):
+        """The check against the stand-in, also from a folder that a drive stands for."""
+        for words in ([".", "back"], [".", "back", "c:\\"]):
+            status, output = tool("--timeout", "60", *words, program=[CHECK])
+            self.assertEqual((status, re.findall(r"\nnot ok.*(?:\n#  .*)*", output)), (0, []))
+            self.assertRegex(output, r"\n# (\d+) statements: \d+ hold, 0 do not, 2 not tried\n\Z")
+        self.assertEqual(sorted(os.listdir()), ["back"])
+        self.assertEqual(os.listdir("back"), ["data"])
+
     def test_obeys_no_tag_that_others_may_have_chosen(self):
-        def linked(name):
-            os.link(name + ":restore_filter_tag", "link")
-        others = (("writable", lambda name: os.chmod(name + ":restore_filter_tag", 0o620)), ("linked", linked),
-                  *((("tag", lambda name: os.chown(name + ":restore_filter_tag", 65534, 0)),
-                     ("file", lambda name: os.chown(name, 65534, 0))) if IS_ROOT else ()))
-        for name, change in others:
+        def with_tag(change):
+            return lambda name: change(name + ":restore_filter_tag")
+        changes = {"writable": with_tag(lambda tag: os.chmod(tag, 0o620)),
+                   "linked": with_tag(lambda tag: os.link(tag, "link"))}
+        if IS_ROOT:
+            changes |= {"tag": with_tag(lambda tag: os.chown(tag, 65534, 0)), "file": lambda name: os.chown(name, 65534, 0)}
+        for name, change in changes.items():
             with self.subTest(name):
-                status = tool(name, "c:\\data", preexec_fn=lambda: os.umask(0))[0]
-                self.assertEqual((status, send("--progress", name)), (0, 0))
+                self.set_up_file(name)
+                self.assertEqual(send("--progress", name), 0)
                 change(name)
                 self.start(name, 2, DENIED)
                 self.assertEqual(os.path.getsize(name), 0)
+        for make in (lambda name: os.symlink("linked:restore_filter_tag", name), os.mkfifo):
+            Path("odd").write_bytes(b"")
+            make("odd:restore_filter_tag")
+            self.assertNotIn(send("--progress", "odd"), (0, None))
+            os.unlink("odd:restore_filter_tag")
 
-    def test_restores_from_every_form_of_backing_path(self):
+    def test_stays_in_its_folders_and_waits_for_nobody(self):
+        os.symlink("/etc/passwd", "back/out")
+        shutil.copy("back/data", "back/leased")
+        leased = os.open("back/leased", os.O_RDWR)
+        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+        signal.signal(signal.SIGIO, signal.SIG_IGN)
+        for index, (backing, expected) in enumerate((
+                ("d:\\data", NO_PATH), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
+                ("c:\\out", DENIED), ("c:\\leased", LEASED))):
+            self.set_up_file(str(index), backing)
+            self.start(str(index), 2, expected)
+        os.close(leased)
+
+    def test_survives_silent_clients(self):
+        opened = self.files_of_filter()
+        clients = [socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) for _ in range(300)]  # more than it keeps
+        for client in clients:
+            client.connect("\0" + port_of("."))
+        clients[-1].send(bytes(40))
+        clients[-1].settimeout(0.5)
+        with contextlib.suppress(OSError):  # it reads no answer, until nothing more is taken
+            while True:
+                clients[-1].send(bytes(28))
+        self.assertEqual(send("--ping", "back/data"), 0)
+        for client in clients:
+            client.close()
+        eventually(lambda: self.files_of_filter() <= opened)
+
+    def test_restores_drives_shares_and_holes(self):
         self.assertEqual(resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE), (100, 100))
-        Path("back/none").write_bytes(b"")
         with open("back/sparse", "wb") as sparse:
             os.pwrite(sparse.fileno(), self.content, 5 << 20)
             os.truncate("back/sparse", 20 << 20)
-        Path("back/chunk").write_bytes(self.content[: 1 << 20])
-        Path("back/sub/\xe9\u4e2d").write_bytes(self.content)
-        opened = self.files_of_filter()
-        table = (("C:\\data", "1"), ("c:\\sub\\\xe9\u4e2d", "4"), (r"\\SRV\Share\data", "64"),
-                 (self.folder + "/back/data", "1000"), ("c:\\none", "3"), ("c:\\chunk", "2"),
-                 ("c:\\sparse", "2"))
-        for index, (backing, reads) in enumerate(table):
-            with self.subTest(backing=backing):
-                name = "local%d" % index
-                self.set_up_file(name, backing)
-                is_drive = backing[1] == ":"
-                source = "back/" + (backing[3:].replace("\\", "/") if is_drive else "data")
-                size = os.path.getsize(source)
-                self.assertEqual(progress(name), (0, size) if size else (1, 1))
-                status, output = tool("--startAggressiveRestore", reads, name)
-                self.assertEqual((status, output.count("\n")), (0, 3))
-                eventually(lambda: progress(name) == ((size,) * 2 if size else (1, 1)))
-                self.assertEqual(Path(name).read_bytes(), Path(source).read_bytes())
-                self.assertEqual(send("--stopAggressiveRestore", name), 0)
-        self.assertLess(os.stat(name).st_blocks * 512, 6 << 20)  # the holes are kept
-        self.set_up_file("crashed", "c:\\data")
-        Path("crashed").write_bytes(self.content[:1 << 20])
+        shutil.copy("back/data", "back/\xe9\u4e2d")
+        for index, backing in enumerate(("C:\\data", "c:\\\xe9\u4e2d", r"\\SRV\Share\data")):
+            self.set_up_file(str(index), backing)
+            self.start(str(index), 4)
+            self.ends_with(str(index), self.content)
+        self.set_up_file("sparse", "c:\\sparse")
+        self.start("sparse")
+        self.ends_with("sparse", Path("back/sparse").read_bytes())
+        self.assertLess(os.stat("sparse").st_blocks * 512, 6 << 20)  # the holes are kept
         # As if what was written last had not come to the disk, and somebody had read it.
+        self.set_up_file("crashed")
+        Path("crashed").write_bytes(self.content[:1 << 20])
         subprocess.run(["fallocate", "-l", "3MiB", "crashed"], check=True)
         Path("crashed").read_bytes()
         self.assertEqual(progress("crashed"), (1 << 20, len(self.content)))
         self.start("crashed")
         self.ends_with("crashed", self.content)
         # Made in advance, and used by somebody already.
-        self.set_up_file("reserved", "c:\\data")
+        self.set_up_file("reserved")
         subprocess.run(["fallocate", "-l", str(len(self.content)), "reserved"], check=True)
         with open("reserved", "r+b") as reserved:
             os.pwrite(reserved.fileno(), bytes(4096), 2 << 20)
         self.start("reserved")
         self.ends_with("reserved", self.content[:2 << 20] + bytes(4096) + self.content[(2 << 20) + 4096:])
-        eventually(lambda: self.files_of_filter() <= opened)
 
-    def test_example_restores_many(self):
-        Path("taken").write_bytes(b"mine")
-        Path("back/none").touch()
-        self.set_up_file("other", "c:\\none")
-        listed = ("one\tc:\\data\r\ntwo \xe9\t\\\\srv\\share\\data\n-dash\tc:\\data\ntaken\tc:\\data\n\n"
-                  "other\tc:\\data\nempty\tc:\\none\nbad\tc:\\x\nno tab\nnopath\t")  # no line end at the end
-        for _ in (1, 2):
-            self.assertEqual(self.restore_many("4", text=listed), (
-                1, ["./-dash: whole", "empty: whole", "one: whole", "two \xe9: whole"],
-                ["bad: not started: message not sent to port: %s; 0x80070002 FilterSendMessage" % PORT,
-                 "no tab: not set up: no tab and backing path behind it",
-                 "nopath: not set up: the backing path is empty or too long",
-                 *("%s: not set up: exists, and has no tag for this backing path" % name for name in ("other", "taken"))]))
-        for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
-            self.assertEqual(Path(name).read_bytes(), content)
-        terminal, other_end = pty.openpty()
-        zeros = "a\tb\0c:\\data\0c\nd\0c:\\data\0"
-        self.assertEqual(self.restore_many("-0", "4", text=zeros, stderr=other_end)[0], 0)
-        self.assertEqual(self.restore_many("-0", "4", text=zeros + "lost\0c:\\data")[0], 1)
-        self.assertIn(b"2 of 2 files whole, ", os.read(terminal, 10000))
-        for name in ("a\tb", "c\nd"):
-            self.assertEqual(Path(name).read_bytes(), self.content)
-        for words in ((), ("x",), ("-0",), ("4", "extra")):
-            self.assertEqual(self.restore_many(*words, text=""), (1, [], ["usage: restore-many.sh [-0] READS < LIST"]))
-
-    def test_refuses_and_leaves_untouched(self):
-        os.symlink("/etc/passwd", "back/out")
-        os.mkfifo("back/pipe")
-        self.assertEqual(send("--ping", "back/pipe"), INVALID)
-        shutil.copy("back/data", "back/leased")
-        leased = os.open("back/leased", os.O_RDWR)
-        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
-        signal.signal(signal.SIGIO, signal.SIG_IGN)
-        self.set_up_file("good", "c:\\data")
-        tag = Path("good:restore_filter_tag").read_bytes()
-        broken = [b"", tag[:-1], tag + b"x"]
-        for at, new in ((0, b"\x54"), (8, b"\0"), (24, b"\x09"), (26, b"\xd2\x3f"), (26, b"\x03"),
-                        (26, b"\0\0"), (26, b"\x18\0")):
-            broken.append(tag[:at] + new + tag[at + len(new):])
-        table = [(None, NOT_TAGGED), *((tag, NOT_WHOLE) for tag in broken),
-                 ("c:\\nothing", NOT_FOUND), ("c:\\", NOT_FOUND), ("d:\\data", NO_PATH),
-                 (r"\\srv\other\data", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
-                 ("c:\\sub\\..\\..\\x", DENIED), ("c:\\out", DENIED), ("c:\\sub", DENIED),
-                 ("c:\\pipe", INVALID), ("c:\\leased", LEASED)]
-        for index, (given, expected) in enumerate(table):
-            with self.subTest(tag=given and given[:40]):
-                name = "bad%d" % index
-                if isinstance(given, str):
-                    self.set_up_file(name, given)
-                else:
-                    Path(name).write_bytes(b"")
-                    if given is not None:
-                        Path(name + ":restore_filter_tag").write_bytes(given)
-                for words in (("--startAggressiveRestore", name, "2"), ("--progress", name)):
-                    self.assertEqual(send(*words), expected)
-                self.assertEqual(os.path.getsize(name), 0)
-        for make in (lambda name: os.symlink("good:restore_filter_tag", name), os.mkfifo):
-            Path("linked").write_bytes(b"")
-            make("linked:restore_filter_tag")
-            self.assertNotIn(send("--progress", "linked"), (0, None))
-            os.unlink("linked:restore_filter_tag")
-        self.set_up_file("itself", os.path.abspath("itself"))
-        self.start("itself", 2, INVALID)
-        self.start("good", 0, INVALID)
-        self.start("good", -1, INVALID)
-
-    def test_survives_any_client(self):
-        opened = self.files_of_filter()
-        handle = os.open("back/data", os.O_RDONLY)
-        pipe, _ = os.pipe()
-        silent = [connection() for _ in range(300)]  # more than it keeps
-        client = connection()
-        self.assertEqual(client.send(handle, 0), 0)
-        self.assertEqual(client.send(handle, 4), INVALID)
-        self.assertEqual(client.send(handle, 1, 0, 4), NOT_TAGGED)
-        for bad, expected in ((os.open("back", os.O_RDONLY), DENIED), (pipe, INVALID),
-                              (client.socket.fileno(), INVALID), (999, INVALID), (1 << 40, INVALID), (os.open("/proc/self/stat", 0), INVALID)):
-            self.assertEqual(client.send(bad, 0), expected)
-        self.assertEqual(tool("--ping", "back"), (1, "Cannot open local file: path = back\n"))
-        self.set_up_file("gone (deleted)", "c:\\data")
-        with open("gone", "wb") as gone:
-            os.unlink("gone")
-            self.assertEqual(client.send(gone.fileno(), 1, 1, 4), NOT_TAGGED)
-        for size in (1, 3, 4, 27, 29, 64, 65, 5000):
-            self.assertEqual(client.exchange(b"\xff" * size), INVALID)
-        for _ in range(300):
-            self.assertEqual(client.exchange(random.randbytes(28)), INVALID)
-        silent[-1].socket.settimeout(0.5)
-        with contextlib.suppress(OSError):  # it reads no answer, until nothing more is taken
-            while True:
-                silent[-1].socket.send(bytes(28))
-        self.assertEqual(client.send(handle, 0), 0)
-        for context in (b"x", bytes(39), bytes(41), bytes(4096)):
-            self.assertEqual(connection(context).result, INVALID)
-        gone = connection()
-        gone.socket.send(bytes(28))
-        gone.socket.close()
-        del silent, client, gone
-        eventually(lambda: self.files_of_filter() <= opened)
-
-    def test_two_starts_stop_kill_and_go_on(self):
+    def test_goes_on_after_a_kill(self):
         self.set_up_huge("local")
         self.start("local")
-        self.start("local", answer=BUSY)
         eventually(lambda: progress("local")[0] > 0)
-        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-        kept = progress("local")
-        self.assertTrue(0 < kept[0] < kept[1])
-        self.start("local", 4)
-        eventually(lambda: progress("local")[0] > kept[0])
         self.filter.kill()
         self.filter.wait()
         kept = os.path.getsize("local")
         self.assertTrue(self.start_filter())
-        os.truncate("back/huge", kept + 3)
-        self.assertEqual(progress("local"), (kept, kept + 3))
-        self.start("local")
-        eventually(lambda: progress("local") == (kept + 3, kept + 3))
-        os.truncate("back/huge", kept + 9)  # grown
-        self.start("local")
-        eventually(lambda: progress("local") == (kept + 9, kept + 9))
+        for size in (kept + 3, kept + 9):  # grown since
+            os.truncate("back/huge", size)
+            self.assertEqual(progress("local")[1], size)
+            self.start("local")
+            eventually(lambda: progress("local") == (size, size))
         os.truncate("back/huge", 5)
         self.start("local")
         eventually(lambda: send("--progress", "local") == TOO_SHORT)
-        os.unlink("back/huge")
-        self.start("local", answer=NOT_FOUND)
 
     def test_ends_with_its_file_and_attaches_once(self):
         self.set_up_huge("local")
@@ -550,18 +432,17 @@ class WithRestoreFilter(story):
         answers = [send("--startAggressiveRestore", name, "1") for name in names]
         self.assertEqual(answers, sorted(answers))
         self.assertEqual({answers[0], answers[-1]}, {0, TOO_MANY})
-        for name in names:
-            for word in ("--ping", "--progress", "--stopAggressiveRestore"):
-                self.assertEqual(send(word, name), 0)
+        for word in ("--ping", "--progress", "--stopAggressiveRestore"):
+            self.assertEqual({send(word, name) for name in names}, {0})
         second = subprocess.run([FILTER, "."], capture_output=True, text=True)
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
 
-    @unittest.skipUnless(IS_ROOT, "a small volume and another mount name space need root")
-    def test_full_disk_and_other_volume(self):
+    @unittest.skipUnless(IS_ROOT, "a small volume, another mount name space and another user need root")
+    def test_other_volumes_and_users(self):
         local = "sm all\\/local"
-        mount("tmpfs", "none", "sm all\\", "size=1m", self)
-        self.set_up_file(local, "c:\\data")
+        self.mount("tmpfs", "none", "sm all\\", "size=1m")
+        self.set_up_file(local)
         self.assertEqual(tool("--ping", local),
                          (1, "volume is: %s\nchecking instance for volume: %s - "
                              "\\Device\\HarddiskVolume%d\nno filter instance found for %s\n"
@@ -573,80 +454,99 @@ class WithRestoreFilter(story):
         subprocess.run(["mount", "-o", "remount,size=9m", "sm all\\"], check=True)
         self.start(local)
         self.ends_with(local, self.content)
-        Path("sm all\\/longest").touch()
-        self.set_up_file("sm all\\/whole", os.path.abspath("sm all\\/longest"))
-        for name in ("longest", "whole"):
-            os.truncate("sm all\\/" + name, (1 << 63) - 1)
-        self.start("sm all\\/whole")
-        eventually(lambda: progress("sm all\\/whole") == ((1 << 63) - 1,) * 2)
         self.assertEqual(send("--ping", local, program=["unshare", "-m", "--propagation", "unchanged", TOOL]), INVALID)
+        self.assertEqual(tool("back", "sm all\\", program=[CHECK])[0], 1)  # too small, and left as it was
+        self.assertEqual(os.listdir("back"), ["data"])
 
-    @unittest.skipUnless(IS_ROOT, "another user needs root")
-    def test_serves_no_other_user(self):
         os.chmod(self.folder, 0o755)  # and nobody may not come to where the tool is
         shutil.copy(TOOL, "tool")
         with monitor() as lines:
             self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), BAD_HANDLE)
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
-                                 "error = 0x80070005\n" % PORT])
+                                 "error = 0x80070005\n" % port_of(".")])
+
+    def test_example_restores_many(self):
+        Path("taken").write_bytes(b"mine")
+        Path("back/none").touch()
+        self.set_up_file("other", "c:\\none")
+        listed = ("one\tc:\\data\r\ntwo \xe9\t\\\\srv\\share\\data\n-dash\tc:\\data\ntaken\tc:\\data\n\n"
+                  "other\tc:\\data\nempty\tc:\\none\nbad\tc:\\x\nno tab\nnopath\t")  # no line end at the end
+        for _ in (1, 2):
+            self.assertEqual(self.restore_many("4", text=listed), (
+                1, ["./-dash: whole", "empty: whole", "one: whole", "two \xe9: whole"],
+                ["bad: not started: message not sent to port: %s; 0x80070002 FilterSendMessage" % port_of("."),
+                 "no tab: not set up: no tab and backing path behind it",
+                 "nopath: not set up: the backing path is empty or too long",
+                 *("%s: not set up: exists, and has no tag for this backing path" % name for name in ("other", "taken"))]))
+        for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
+            self.assertEqual(Path(name).read_bytes(), content)
+        terminal, other_end = pty.openpty()
+        zeros = "a\tb\0c:\\data\0c\nd\0c:\\data\0"
+        self.assertEqual(self.restore_many("-0", "4", text=zeros, stderr=other_end)[0], 0)
+        self.assertEqual(self.restore_many("-0", "4", text=zeros + "lost\0c:\\data")[0], 1)
+        self.assertIn(b"2 of 2 files whole, ", os.read(terminal, 10000))
+        for name in ("a\tb", "c\nd"):
+            self.assertEqual(Path(name).read_bytes(), self.content)
+        self.assertEqual(self.restore_many("x", text=""), (1, [], ["usage: restore-many.sh [-0] READS < LIST"]))
 
 
-@unittest.skipUnless(sys.argv[3:], "in a test of its own")
-class WithPowerShell(story):
-    def test_module(self):
-        Path("back/none").write_bytes(b"")
-        self.start_filter(*([] if IS_SANITIZED else [*STRACE, "inject=pread64:delay_enter=100ms"]))
-        self.limit_descriptors(30)
-        done = subprocess.run([sys.argv[3], "-NoProfile", "-NonInteractive", "-File", SOURCE + "/tests/module_test.ps1"],
-                              env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
-                                   "HOME": self.folder, "NO_COLOR": "1"}, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300)
-        self.assertEqual(done.returncode, 0, done.stdout)
-
-
-@unittest.skipIf(IS_WINDOWS, "for Linux")
 class WithPeer(story):
+    OK, NO = struct.pack("<I", 0), struct.pack("<I", 0x80070005)
+
     def test_answers(self):
-        ok, no = struct.pack("<I", 0), struct.pack("<I", 0x80070005)
-        table = (
-            ((ok, ok + struct.pack("<QQ", 0xABC, 1 << 63)), 0, (0xABC, 1 << 63)),
-            ((ok, ok + b"\1\2"), 0, (0x201, 0)), ((ok, ok), 0, (0, 0)),
-            ((struct.pack("<I", 1), ok + bytes(100)), 0, (0, 0)),
-            ((ok, no), 0x80070005, None), ((ok, struct.pack("<I", 1)), 1, None),
-            ((ok, b"\0\0"), BAD_HANDLE, None), ((ok, None), BAD_HANDLE, None),
-            ((None,), BAD_HANDLE, None), ((no,), BAD_HANDLE, None))
-        for answers, result, values in table:
+        ok, no = self.OK, self.NO
+        for answers, result, values in (
+                ((ok, ok + struct.pack("<QQ", 0xABC, 1 << 63)), 0, (0xABC, 1 << 63)),
+                ((ok, ok + b"\1\2"), 0, (0x201, 0)), ((struct.pack("<I", 1), ok + bytes(100)), 0, (0, 0)),
+                ((ok, no), 0x80070005, None), ((ok, b"\0\0"), BAD_HANDLE, None), ((ok, None), BAD_HANDLE, None),
+                ((None,), BAD_HANDLE, None), ((no,), BAD_HANDLE, None)):
             with self.subTest(answers=answers):
-                with peer(*answers):
+                with monitor() as lines, peer(*answers):
                     self.assertEqual(progress("back/data"), values)
+                self.assertEqual(len(lines), len(answers) == 1)  # a failed connection alone is traced
                 with peer(*answers) as packets:
                     self.assertEqual(send("--startAggressiveRestore", "back/data", "-3"), result)
-                self.assertEqual(packets[0], CONTEXT)
+                self.assertEqual(packets[0], bytes(40))
                 if len(packets) > 1:
-                    self.assertEqual(packets[1][:4] + packets[1][12:],
-                                     struct.pack("<IIIiI", 0, 1, 1, -3, 0))
+                    self.assertEqual(packets[1][:4] + packets[1][12:], struct.pack("<IIIiI", 0, 1, 1, -3, 0))
 
     @unittest.skipUnless(IS_ROOT, "another user needs root")
     def test_trusts_no_other_user(self):
-        ok = struct.pack("<I", 0)
-        for word in ("--ping", "--progress"):
-            with monitor() as lines, peer(ok, ok + bytes(16), owner=65534) as packets:
-                self.assertEqual(send(word, "back/data"), BAD_HANDLE)
-            self.assertEqual(packets, [b""])
-            self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
-                                     "error = 0x80070005\n" % PORT])
+        with monitor() as lines, peer(self.OK, self.OK + bytes(16), owner=65534) as packets:
+            self.assertEqual(send("--ping", "back/data"), BAD_HANDLE)
+        self.assertEqual(packets, [b""])
+        self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
+                                 "error = 0x80070005\n" % port_of(".")])
 
     def test_traces_when_no_filter_is_loaded(self):
         with monitor() as lines, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as idle, \
                 socket.socket(socket.AF_UNIX) as stream:
-            idle.bind("\0" + PORT)  # and does not listen
-            stream.bind("\0" + PORT)
+            idle.bind("\0" + port_of("."))  # and does not listen
+            stream.bind("\0" + port_of("."))
             stream.listen()
             self.assertEqual(tool("--progress", "back/data"),
                              (1, "no filter instance found for back/data\nqueryProgress failed\n"))
         self.assertEqual(lines, ["FilterInstanceFindFirst failed: status = 0x801f0013\n"])
 
+    def test_check_tells_what_is_wrong(self):
+        os.mkdir("files")
+        bail = "Bail out! no connection to the port with the volume's name\n"
+        for answers, ending in (
+                ((self.NO,), "#   connect with a context of 40 bytes: 0x80070005\n#   the contract asks for a connection\n" + bail),
+                ((), "#   connect with a context of 40 bytes: no answer\n#   the contract asks for an answer within the time limit\n" + bail)):
+            with peer(*answers):
+                status, output = tool("--timeout", "1", "files", "back", program=[CHECK], stderr=subprocess.DEVNULL)
+            self.assertEqual((status, output[-len(ending):]), (1, ending))
+        for words, line in (
+                ((), "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]"),
+                (("--timeout", "x", "files", "back"), "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]"),
+                (("files", "nothing"), "zan_filter_check: %s/nothing: not a folder" % self.folder),
+                (("files", "files/../files"), "zan_filter_check: FOLDER and BACKING_FOLDER are the same")):
+            status, output = tool(*words, program=[CHECK])
+            self.assertEqual((status, output.splitlines()[0]), (1, line))
+        self.assertEqual((os.listdir("files"), os.listdir("back")), ([], ["data"]))
 
-@unittest.skipIf(IS_WINDOWS, "for Linux")
+
 class WithFailingCalls(story):
     """Each call of the stand-in to its system fails, by index: it lives on, and what it
     says is true."""
@@ -655,88 +555,21 @@ class WithFailingCalls(story):
              "readlink": 2, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
              "clone3": 2, "mmap": 4, "getsockopt": 2}
 
-    def test_lives_on(self):
-        if IS_SANITIZED:
-            self.skipTest("with sanitizers")
-        if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
+    def setUp(self):
+        super().setUp()
+        if GIVEN.sanitized or subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
             self.skipTest("failing system calls: strace cannot trace here")
+
+    def test_lives_on(self):
         for call, uses in self.CALLS.items():
             for error, use in itertools.product(("EIO", "EINTR", "ENOMEM"), range(1, uses + 1)):
-                fault = "inject=%s:error=%s:when=%d" % (call, error, use)
-                with self.subTest(fault):
-                    self.live_through(fault)
-
-    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
-    def test_is_whole_when_it_is_on_the_disk(self):
-        self.set_up_file("local", "c:\\data")
-        self.start_filter(*STRACE, "inject=fdatasync:error=EIO")
-        self.start("local")
-        eventually(lambda: send("--progress", "local") == IO_ERROR)
-        self.assertEqual(os.path.getsize("local"), 0)  # what was lost can't be told
-        self.stop_filter(self.filter)
-        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s")
-        self.start("local")
-        eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
-        self.assertLess(os.path.getsize("local"), len(self.content))  # the last block waits for the others
-        self.assertLess(*progress("local"))
-        self.start("local")  # not busy: it is about to end
-        eventually(lambda: os.path.getsize("local") == len(self.content))  # and is not there yet
-        self.assertLess(*progress("local"))
-        self.ends_with("local", self.content)
-
-    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
-    def test_loses_nothing_that_was_there(self):
-        self.set_up_file("local", "c:\\data")
-        Path("local").write_bytes(b"changed by its user" + self.content[19:2000000])
-        kept = Path("local").read_bytes()
-        self.start_filter(*STRACE, "inject=fdatasync:error=ENOSPC:when=2+")
-        self.start("local")
-        eventually(lambda: send("--progress", "local") == FULL)
-        self.assertEqual(Path("local").read_bytes(), kept)
-        self.stop_filter(self.filter)
-
-        self.start_filter(*STRACE, "inject=fdatasync:error=EIO:when=2:delay_enter=2s")
-        for starts in (1, 2):  # once the failure is known, and while it is still to come
-            self.start("local")
-            eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
-            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-            if starts == 2:
-                break
-            with open("local", "r+b") as local:
-                os.pwrite(local.fileno(), b"user", 2500000)
-            stopped = Path("local").read_bytes()
-            eventually(lambda: send("--progress", "local") == IO_ERROR)
-            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-            self.assertEqual(send("--progress", "local"), IO_ERROR)
-            self.assertEqual(Path("local").read_bytes(), stopped)
-        self.start("local")
-        eventually(lambda: send("--progress", "local") == IO_ERROR and Path("local").read_bytes() == kept)
-        self.stop_filter(self.filter)
-        self.start_filter()
-        self.start("local")
-        self.ends_with("local", kept + self.content[len(kept):])
-
-    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
-    def test_lists_go_on_when_the_filter_is_at_its_limit(self):
-        self.start_filter(*STRACE, "inject=pread64:delay_enter=200ms")
-        self.limit_descriptors(30)
-        names = ["file%d" % i for i in range(20)]
-        listed = "".join("%s\tc:\\data\n" % name for name in names)
-        self.assertEqual(self.restore_many("1", text=listed), (0, sorted(name + ": whole" for name in names), []))
-
-    @unittest.skipIf(IS_SANITIZED, "with sanitizers")
-    def test_writes_nothing_after_a_stop(self):
-        self.set_up_file("local", "c:\\data")
-        self.start_filter(*STRACE, "inject=pread64:delay_enter=1s")
-        self.start("local")  # and its reads are under way
-        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-        eventually(lambda: len(os.listdir("/proc/%d/task" % self.filter_pid)) == 1)
-        self.assertEqual(progress("local"), (0, len(self.content)))
+                with self.subTest(call=call, error=error, use=use):
+                    self.live_through("inject=%s:error=%s:when=%d" % (call, error, use))
 
     def live_through(self, fault):
         for name in ("local", "local:restore_filter_tag"):
             Path(name).unlink(missing_ok=True)
-        self.set_up_file("local", "c:\\data")
+        self.set_up_file("local")
         if self.start_filter(*STRACE, fault):
             for _ in range(30):  # a fault comes once in each thread, and every start has new ones
                 send("--startAggressiveRestore", "local", "2")
@@ -750,8 +583,86 @@ class WithFailingCalls(story):
             self.assertEqual(self.filter.wait(20), 1)
         self.stop_filter(self.filter)
 
+    def test_is_whole_when_it_is_on_the_disk(self):
+        self.set_up_file("local")
+        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s")
+        self.start("local")
+        eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
+        self.assertLess(os.path.getsize("local"), len(self.content))  # the last block waits for the others
+        self.assertLess(*progress("local"))
+        self.start("local")  # not busy: it is about to end
+        eventually(lambda: os.path.getsize("local") == len(self.content))  # and is not there yet
+        self.assertLess(*progress("local"))
+        self.ends_with("local", self.content)
+
+    def test_loses_nothing_that_was_there(self):
+        self.set_up_file("local")
+        Path("local").write_bytes(b"changed by its user" + self.content[19:2000000])
+        kept = Path("local").read_bytes()
+        self.start_filter(*STRACE, "inject=fdatasync:error=ENOSPC:when=2+")
+        self.start("local")
+        eventually(lambda: send("--progress", "local") == FULL)
+        self.assertEqual(Path("local").read_bytes(), kept)
+        self.stop_filter(self.filter)
+
+        self.start_filter(*STRACE, "inject=fdatasync:error=EIO:when=2:delay_enter=2s")
+        for is_known in (True, False):  # when the next start comes
+            self.start("local")
+            eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
+            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+            if is_known:
+                with open("local", "r+b") as local:
+                    os.pwrite(local.fileno(), b"user", 2500000)
+                stopped = Path("local").read_bytes()
+                eventually(lambda: send("--progress", "local") == IO_ERROR)
+                self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+                self.assertEqual(send("--progress", "local"), IO_ERROR)
+                self.assertEqual(Path("local").read_bytes(), stopped)
+        self.start("local")
+        eventually(lambda: send("--progress", "local") == IO_ERROR and Path("local").read_bytes() == kept)
+        self.stop_filter(self.filter)
+        self.start_filter()
+        self.start("local")
+        self.ends_with("local", kept + self.content[len(kept):])
+
+    def test_stops_and_limits_while_reads_are_slow(self):
+        self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
+        self.set_up_file("local")
+        self.start("local")
+        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)  # its reads are under way
+        eventually(lambda: len(os.listdir("/proc/%d/task" % self.filter_pid)) == 1)
+        self.assertEqual(progress("local"), (0, len(self.content)))
+        self.limit_descriptors(30)
+        names = ["file%d" % i for i in range(20)]
+        listed = "".join("%s\tc:\\data\n" % name for name in names)
+        self.assertEqual(self.restore_many("1", text=listed), (0, sorted(name + ": whole" for name in names), []))
+
+    def test_interrupted_check_leaves_nothing(self):
+        self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
+        for delay in (0.05, 0.5, 2):
+            running = subprocess.Popen([CHECK, ".", "back"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+            time.sleep(delay)
+            running.send_signal(signal.SIGINT)
+            self.assertEqual(running.communicate(timeout=20)[1], "zan_filter_check: interrupted\n")
+            self.assertEqual(running.returncode, 1)
+            self.assertEqual((os.listdir(), os.listdir("back")), (["back"], ["data"]))
+
+
+class WithPowerShell(story):
+    def test_module(self):
+        Path("back/none").write_bytes(b"")
+        self.start_filter(*([] if GIVEN.sanitized else [*STRACE, "inject=pread64:delay_enter=100ms"]))
+        self.limit_descriptors(30)
+        done = subprocess.run([os.path.abspath(GIVEN.pwsh), "-NoProfile", "-NonInteractive", "-File", SOURCE / "tests/module_test.ps1"],
+                              env={**IN_PATH, "HOME": self.folder, "NO_COLOR": "1"},
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300)
+        self.assertEqual(done.returncode, 0, done.stdout)
+
 
 if __name__ == "__main__":
     if IS_ROOT:  # a network name space of its own: no port of another stand-in is in the way
         ctypes.CDLL(None).unshare(0x40000000)
-    unittest.main(argv=[sys.argv[0], *["WithPowerShell" for _ in sys.argv[3:]]], verbosity=2, warnings="ignore")
+    stories = ["SetUpOnLinux", "WithRestoreFilter", "WithPeer", "WithFailingCalls"]
+    if IS_WINDOWS:
+        stories = ["SetUp", "ControlUnderWine"][: 1 + bool(EMULATOR)]
+    unittest.main(argv=[sys.argv[0], *(["WithPowerShell"] if GIVEN.pwsh else stories)], verbosity=2, warnings="ignore")

@@ -5,6 +5,7 @@
 // after <windows.h>:
 #include <fltuser.h>
 
+#include <algorithm>
 #include <boost/algorithm/hex.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -33,39 +34,26 @@ void log(const char* format, Arguments... arguments) {
   std::fclose(file);
 }
 
-// One instance, on the volume FLTLIB_DEVICE, in a record of FLTLIB_SIZE bytes.
-HRESULT answer(BYTE* buffer, DWORD size, bool isFirst) {
-  if (!isFirst) return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
-  if (result("FLTLIB_FIND") != S_OK) return result("FLTLIB_FIND");
-  const auto needed = std::strtoul(setting("FLTLIB_SIZE").c_str(), nullptr, 10);
-  if (size < needed) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
-  const std::string device = setting("FLTLIB_DEVICE");
-  INSTANCE_AGGREGATE_STANDARD_INFORMATION record{};
-  record.Flags = 1;
-  record.Type.MiniFilter.VolumeNameLength = USHORT(2 * device.size());
-  record.Type.MiniFilter.VolumeNameBufferOffset = USHORT(needed - 2 * device.size());
-  for (std::size_t i = 0; i < device.size(); ++i) {
-    buffer[needed - 2 * device.size() + 2 * i] = BYTE(device[i]);
-    buffer[needed - 2 * device.size() + 2 * i + 1] = 0;
-  }
-  std::memcpy(buffer, &record, sizeof(record));
-  return S_OK;
-}
-
 }  // namespace
 
 extern "C" {
 
 HRESULT WINAPI FilterInstanceFindFirst(LPCWSTR filter, INSTANCE_INFORMATION_CLASS what,
-                                       LPVOID buffer, DWORD size, LPDWORD, LPHANDLE) {
-  log("FindFirst %ls %d %lu\n", filter, what, size);
-  return answer(static_cast<BYTE*>(buffer), size, true);
+                                       LPVOID buffer, DWORD, LPDWORD, LPHANDLE) {
+  log("FindFirst %ls %d\n", filter, what);
+  static constexpr wchar_t device[] = L"\\Device\\HarddiskVolume1";
+  INSTANCE_AGGREGATE_STANDARD_INFORMATION record{};
+  record.Flags = FLTFL_IASI_IS_MINIFILTER;
+  record.Type.MiniFilter.VolumeNameLength = sizeof(device) - sizeof(device[0]);
+  record.Type.MiniFilter.VolumeNameBufferOffset = sizeof(record);
+  std::memcpy(buffer, &record, sizeof(record));
+  std::memcpy(static_cast<BYTE*>(buffer) + sizeof(record), device, sizeof(device));
+  return result("FLTLIB_FIND");
 }
 
-HRESULT WINAPI FilterInstanceFindNext(HANDLE, INSTANCE_INFORMATION_CLASS, LPVOID, DWORD size,
-                                      LPDWORD) {
-  log("FindNext %lu\n", size);
-  return answer(nullptr, size, false);
+HRESULT WINAPI FilterInstanceFindNext(HANDLE, INSTANCE_INFORMATION_CLASS, LPVOID, DWORD, LPDWORD) {
+  log("FindNext\n");
+  return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
 }
 
 HRESULT WINAPI FilterInstanceFindClose(HANDLE) {
@@ -77,19 +65,19 @@ HRESULT WINAPI FilterConnectCommunicationPort(LPCWSTR name, DWORD options, LPCVO
                                               WORD size, LPSECURITY_ATTRIBUTES, HANDLE* port) {
   log("Connect %ls %lu %s\n", name, options, hex(context, size).c_str());
   *port = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  return result("FLTLIB_CONNECT");
+  return S_OK;
 }
 
-HRESULT WINAPI FilterSendMessage(HANDLE port, LPVOID input, DWORD inputSize, LPVOID output,
+HRESULT WINAPI FilterSendMessage(HANDLE, LPVOID input, DWORD inputSize, LPVOID output,
                                  DWORD outputSize, LPDWORD returned) {
   HANDLE file = nullptr;
+  if (inputSize < sizeof(file)) return E_INVALIDARG;
   std::memcpy(&file, input, sizeof(file));
   log("Send %lu %s %lu\n", GetFileSize(file, nullptr),
       hex(static_cast<BYTE*>(input) + 8, inputSize - 8).c_str(), outputSize);
-  if (port == INVALID_HANDLE_VALUE) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
   const std::string reply = boost::algorithm::unhex(setting("FLTLIB_REPLY"));
-  *returned = DWORD(reply.size());
-  if (output != nullptr) std::memcpy(output, reply.data(), reply.size());
+  *returned = std::min(outputSize, DWORD(reply.size()));
+  if (output != nullptr) std::memcpy(output, reply.data(), *returned);
   return result("FLTLIB_SEND");
 }
 }

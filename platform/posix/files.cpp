@@ -62,7 +62,7 @@ HANDLE openFailed(int error, host_path& path) {
 }  // namespace
 
 HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWORD disposition,
-                   DWORD, HANDLE) {
+                   DWORD attributes, HANDLE) {
   host_path host(path);
   if (!host.fits) return openFailed(ENAMETOOLONG, host);
   const std::size_t givenSize = host.size;
@@ -78,7 +78,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   if (descriptor < 0) return openFailed(errno, host);
 
   struct stat opened {};
-  if (disposition == OPEN_EXISTING && fstat(descriptor, &opened) == 0 && S_ISDIR(opened.st_mode)) {
+  const bool mayBeFolder = (attributes & FILE_FLAG_BACKUP_SEMANTICS) != 0;
+  if (!mayBeFolder && fstat(descriptor, &opened) == 0 && S_ISDIR(opened.st_mode)) {
     close(descriptor);
     return openFailed(EISDIR, host);
   }
@@ -109,6 +110,17 @@ BOOL CloseHandle(HANDLE handle) {
   if (close(descriptorOf(handle)) == 0) return TRUE;
   SetLastError(windowsErrorFor(errno));
   return FALSE;
+}
+
+BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    SetLastError(windowsErrorFor(errno));
+    return FALSE;
+  }
+  *reading = handleOf(ends[0]);
+  *writing = handleOf(ends[1]);
+  return TRUE;
 }
 
 BOOL DeleteFileW(LPCWSTR path) {

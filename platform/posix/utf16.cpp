@@ -65,6 +65,13 @@ std::size_t encodeUtf8(const std::uint16_t* units, std::size_t count, char* byte
   return encode(units, count, bytes, capacity);
 }
 
+int MultiByteToWideChar(UINT, DWORD, const char* bytes, int size, LPWSTR units, int capacity) {
+  if (capacity >= size)
+    return static_cast<int>(decodeUtf8(bytes, static_cast<std::size_t>(size), units));
+  SetLastError(ERROR_INSUFFICIENT_BUFFER);
+  return 0;
+}
+
 int WideCharToMultiByte(UINT, DWORD, LPCWSTR units, int count, char* bytes, int capacity,
                         const char*, BOOL*) {
   const auto room = static_cast<std::size_t>(capacity);

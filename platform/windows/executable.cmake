@@ -1,18 +1,7 @@
-# What makes zan_restore a Windows executable: resources, console subsystem,
-# load options.
-
-configure_file(platform/windows/zan_restore.rc.in zan_restore.rc @ONLY)
-target_sources(zan_restore PRIVATE ${PROJECT_BINARY_DIR}/zan_restore.rc)
-set_property(SOURCE ${PROJECT_BINARY_DIR}/zan_restore.rc
-  PROPERTY OBJECT_DEPENDS ${PROJECT_SOURCE_DIR}/platform/windows/zan_restore.manifest)
-set_property(TARGET zan_restore PROPERTY LINKER_LANGUAGE CXX)
+# What makes a program a Windows executable: resources, console subsystem, load options.
 
 if(MSVC)
   target_link_libraries(fsfilter INTERFACE fltlib)
-  # The manifest is a resource, and DLLs are looked for in System32 only.
-  target_link_options(zan_restore PRIVATE
-    /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
-    /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
   # dlltool leaves temporary files behind.
@@ -24,8 +13,23 @@ else()
   add_custom_target(delayed_fltlib DEPENDS ${delayed_fltlib})
   add_dependencies(fsfilter delayed_fltlib)
   target_link_libraries(fsfilter INTERFACE ${delayed_fltlib} delayimp)
-  target_sources(zan_restore PRIVATE platform/windows/delayed_fltlib.cpp)
-  target_link_options(zan_restore PRIVATE
-    -municode -mconsole -static -s
-    -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat -Wl,--no-insert-timestamp)
 endif()
+
+function(windows_executable name description)
+  set(resources ${PROJECT_BINARY_DIR}/${name}.rc)
+  configure_file(platform/windows/executable.rc.in ${resources} @ONLY)
+  target_sources(${name} PRIVATE ${resources})
+  set_property(SOURCE ${resources}
+    PROPERTY OBJECT_DEPENDS ${PROJECT_SOURCE_DIR}/platform/windows/executable.manifest)
+  if(MSVC)
+    # The manifest is a resource, and DLLs are looked for in System32 only.
+    target_link_options(${name} PRIVATE
+      /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
+      /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT)
+  else()
+    target_sources(${name} PRIVATE platform/windows/delayed_fltlib.cpp)
+    target_link_options(${name} PRIVATE
+      -municode -mconsole -static -s
+      -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat -Wl,--no-insert-timestamp)
+  endif()
+endfunction()

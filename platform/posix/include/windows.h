@@ -43,6 +43,7 @@ constexpr DWORD FILE_SHARE_DELETE = 4;
 constexpr DWORD CREATE_NEW = 1;
 constexpr DWORD OPEN_EXISTING = 3;
 constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+constexpr DWORD FILE_FLAG_BACKUP_SEMANTICS = 0x02000000;
 constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
 constexpr UINT CP_UTF8 = 65001;
 
@@ -93,6 +94,8 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
 BOOL WINAPI WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                       LPOVERLAPPED overlapped);
 BOOL WINAPI CloseHandle(HANDLE handle);
+BOOL WINAPI CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES security,
+                       DWORD size);
 BOOL WINAPI DeleteFileW(LPCWSTR path);
 
 BOOL WINAPI GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size);
@@ -108,6 +111,8 @@ HANDLE WINAPI GetStdHandle(DWORD which);
 BOOL WINAPI GetConsoleMode(HANDLE output, LPDWORD mode);
 BOOL WINAPI WriteConsoleW(HANDLE output, LPCVOID units, DWORD count, LPDWORD written,
                           LPVOID reserved);
+int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, const char* bytes, int size,
+                               LPWSTR units, int capacity);
 int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR units, int count, char* bytes,
                                int capacity, const char* defaultChar, BOOL* usedDefaultChar);
 }

@@ -1,0 +1,133 @@
+// zan_filter_check: tells, statement by statement, whether a restore filter keeps its
+// contract. It prints TAP, version 13.
+
+#include <csignal>
+#include <cwchar>
+
+#include "app/wmain.h"
+#include "control/volume_id.h"
+#include "filter_check/statements.h"
+#include "fsfilter/filter_instances.h"
+
+namespace {
+
+int endWith(const std::string& reason) {
+  std::cerr << "zan_filter_check: " << reason << '\n';
+  return 1;
+}
+
+int usage() {
+  std::cerr
+      << "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]\n"
+         "\n"
+         "Tells whether the restore filter on FOLDER's volume keeps its contract. Works in new\n"
+         "folders in FOLDER and BACKING_FOLDER, and takes them away at the end.\n"
+         "AS is what the filter calls BACKING_FOLDER, where it has another name for it.\n"
+         "SECONDS (10) is how long to wait for an answer.\n";
+  return 1;
+}
+
+bool isAnswering(trial& t) try {
+  t.send(t.newFile(), {});
+  return true;
+} catch (const violation& failed) {
+  return failed.asked != noConnection;
+} catch (const no_answer&) {
+  return false;
+}
+
+enum class outcome { holds, fails, untried };
+
+// Tries one statement and prints its line, and behind a "not ok" what led to it.
+outcome tryOne(trial& t, const statement& tried, const statement::row& row, int number) {
+  std::string line = std::to_string(number) + " - " + tried.text;
+  if (const std::size_t at = line.find("{}"); at != line.npos) line.replace(at, 2, row.text);
+  t.clear();
+  std::string asked;
+  try {
+    tried.check(t, row);
+    if (!t.choice.empty()) line += " # choice: " + t.choice;
+    std::cout << "ok " << line << std::endl;
+    return outcome::holds;
+  } catch (const untried& why) {
+    std::cout << "ok " << line << " # SKIP " << why.reason << std::endl;
+    return outcome::untried;
+  } catch (const violation& failed) {
+    asked = failed.asked;
+  } catch (const no_answer&) {
+    t.log.back() += "no answer";
+    asked = "an answer within the time limit";
+  }
+  std::cout << "not ok " << line << '\n';
+  for (std::size_t i = t.log.size() - std::min<std::size_t>(t.log.size(), 10); i < t.log.size();
+       ++i) {
+    std::cout << "#   " << t.log[i] << '\n';
+  }
+  std::cout << "#   the contract asks for " << asked << std::endl;
+  return outcome::fails;
+}
+
+int checkAll(trial& t, const std::vector<statement>& statements) {
+  std::size_t plan = 0;
+  for (const statement& each : statements) plan += each.rows.size();
+  std::cout << "TAP version 13\n1.." << plan << std::endl;
+  int number = 0;
+  int count[3] = {};
+  std::string heading;
+  for (const statement& each : statements) {
+    if (heading != each.heading) std::cout << "# " << (heading = each.heading) << std::endl;
+    for (const statement::row& row : each.rows) {
+      const outcome result = tryOne(t, each, row, ++number);
+      ++count[static_cast<int>(result)];
+      if (result != outcome::fails || (!each.isVital && isAnswering(t))) continue;
+      const std::string why =
+          each.isVital ? "no " + each.text : "the filter does not answer any more";
+      std::cout << "Bail out! " << why << std::endl;
+      return endWith(why);
+    }
+  }
+  std::cout << "# " << plan << " statements: " << count[0] << " hold, " << count[1] << " do not, "
+            << count[2] << " not tried" << std::endl;
+  if (!std::cout) return endWith("cannot write the results");
+  return count[1] == 0 ? 0 : 1;
+}
+
+int check(const fs::path& folder, const fs::path& backing, const std::wstring& as, long limit) {
+  for (const fs::path& each : {folder, backing}) {
+    if (!fs::is_directory(each)) return endWith(each.string() + ": not a folder");
+    if (fs::space(each).available < 256 << 20)
+      return endWith(each.string() + ": less than 256 MiB free");
+  }
+  if (fs::equivalent(folder, backing)) return endWith("FOLDER and BACKING_FOLDER are the same");
+  const std::wstring volumeId = getVolumeId(zan::widePath(folder));
+  if (volumeId.empty()) return endWith(folder.string() + ": no volume id");
+  // Asked before anything is made.
+  const auto instances = zan::fsfilter::findFilterInstances(RESTORE_FILTER_NAME);
+  const auto here = std::count_if(instances.begin(), instances.end(),
+                                  [&](const auto& each) { return each.volumeId == volumeId; });
+  const bool isOneVolume = getVolumeId(zan::widePath(backing)) == volumeId;
+  trial t(folder, backing, as, RESTORE_FILTER_PORT_PREFIX + volumeId, std::chrono::seconds(limit));
+  return checkAll(t, contractStatements(here, isOneVolume));
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) try {
+  for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { isInterrupted = true; });
+  std::vector<std::wstring> words(argv + 1, argv + argc);
+  long seconds = 10;
+  if (words.size() > 1 && words[0] == L"--timeout") {
+    wchar_t* end = nullptr;
+    seconds = std::wcstol(words[1].c_str(), &end, 10);
+    if (*end != L'\0' || seconds < 1 || seconds > 3600) return usage();
+    words.erase(words.begin(), words.begin() + 2);
+  }
+  if (words.size() < 2 || words.size() > 3 || words[0].starts_with(L'-')) return usage();
+  const fs::path backing = fs::absolute(zan::hostPath(words[1]));
+  const std::wstring as = words.size() == 3 ? words[2] : zan::widePath(backing);
+  return check(zan::hostPath(words[0]), backing, as, seconds);
+} catch (const interruption&) {
+  return endWith("interrupted");
+} catch (const std::exception& error) {
+  return endWith(error.what());
+}

@@ -1,0 +1,359 @@
+#pragma once
+
+#include <windows.h>
+// after <windows.h>:
+#include <fltuser.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "platform/file_handle.h"
+#include "platform/wide_path.h"
+#include "restore/nt_path.h"
+#include "restore/tag_record.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using zan::file_handle;
+using enum ControlOperation;
+
+// What ends a statement or the run early. What is wrong with the machine is a std::exception.
+struct violation {
+  std::string asked;  // by the contract
+};
+struct untried {
+  std::string reason;
+};
+struct no_answer {};
+struct interruption {};
+
+constexpr const char* noConnection = "a connection";
+
+inline std::atomic<bool> isInterrupted = false;
+
+inline void pauseFor(std::chrono::milliseconds time) {
+  std::this_thread::sleep_for(time);
+  if (isInterrupted) throw interruption{};
+}
+
+inline std::string hex(HRESULT result) {
+  char text[11];
+  std::snprintf(text, sizeof(text), "0x%08x", static_cast<unsigned>(result));
+  return text;
+}
+
+inline void expect(bool holds, const std::string& asked) {
+  if (!holds) throw violation{asked};
+}
+inline void expect(HRESULT came, HRESULT asked) { expect(came == asked, hex(asked)); }
+
+[[noreturn]] inline void failWith(const std::string& what, const fs::path& file) {
+  throw std::runtime_error(what + ' ' + file.string());
+}
+
+inline std::string contentOf(const fs::path& file) {
+  std::ostringstream content;
+  content << std::ifstream(file, std::ios::binary).rdbuf();
+  return std::move(content).str();
+}
+
+inline fs::path tagOn(fs::path file) { return file += ":" RESTORE_TAG_STREAM_NAME_A; }
+
+inline RestoreTagRecord tagFor(const std::wstring& backingPath) {
+  RestoreTagRecord tag{};
+  const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::simple, 2}, tag);
+  if (!fits) failWith("too long for a tag:", zan::hostPath(backingPath));
+  return tag;
+}
+
+inline void writeTag(const fs::path& file, const RestoreTagRecord& tag,
+                     std::size_t size = sizeof(tag), DWORD disposition = CREATE_NEW) {
+  std::string bytes(sizeof(tag) + 1, '\0');  // it may be too long
+  std::memcpy(bytes.data(), &tag, sizeof(tag));
+  const std::wstring name = zan::widePath(file) + RESTORE_TAG_STREAM;
+  const file_handle stream(CreateFileW(name.c_str(), GENERIC_ALL, 0, nullptr, disposition,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+  DWORD written = 0;
+  WriteFile(stream.get(), bytes.data(), static_cast<DWORD>(size), &written, nullptr);
+  if (!stream.isOpen() || written != size) failWith("cannot write the tag of", file);
+}
+
+inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
+  constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  const HANDLE opened = CreateFileW(zan::widePath(file).c_str(), GENERIC_READ, share, nullptr,
+                                    OPEN_EXISTING, attributes, nullptr);
+  if (opened == INVALID_HANDLE_VALUE) failWith("cannot open", file);
+  return opened;
+}
+
+/// Runs `call`, which owns all that it uses, in a thread that is left behind when it takes longer.
+template <typename Call>
+auto within(std::chrono::seconds limit, Call call) {
+  std::packaged_task<decltype(call())()> task(std::move(call));
+  auto result = task.get_future();
+  std::thread(std::move(task)).detach();
+  const auto end = steady_clock::now() + limit;
+  while (result.wait_for(50ms) != std::future_status::ready) {
+    if (isInterrupted) throw interruption{};
+    if (steady_clock::now() > end) throw no_answer{};
+  }
+  return result.get();
+}
+
+/// A new folder in another one, taken away with all in it.
+struct own_folder {
+  explicit own_folder(const fs::path& parent) {
+    for (int i = 1;
+         !fs::create_directory(path = parent / ("zan_filter_check-" + std::to_string(i)));)
+      ++i;
+  }
+  ~own_folder() {
+    std::error_code error;
+    for (int i = 0; i == 0 || (error && i < 50); ++i) {
+      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter is still at work in it
+      fs::remove_all(path, error);
+    }
+    if (error) std::cerr << "zan_filter_check: stays: " << path << '\n';
+  }
+  own_folder(const own_folder&) = delete;
+  own_folder& operator=(const own_folder&) = delete;
+  fs::path path;
+};
+
+/// A message about a file, as the tool sends it unless it says otherwise, and its answer.
+struct request {
+  ControlOperation operation = Ping;
+  std::int32_t n = 4;  // of a start
+  std::size_t size = sizeof(ControlMessage);
+  std::size_t room = 0;                  // for the reply
+  HANDLE handle = INVALID_HANDLE_VALUE;  // another than the file's
+  std::uint32_t unused = 0;              // in the fields that a ping does not use
+  bool isClosed = false;                 // the file's handle, before it is sent
+};
+struct answer {
+  HRESULT result;
+  std::string reply;
+};
+
+/// What statements are tried with: new files and messages. Backing files are named by their
+/// size. What is not as the contract asks throws violation; nothing waits longer than `limit`.
+class trial {
+ public:
+  using file_action = std::function<void(const fs::path&)>;
+
+  /// Works in folders of its own in `parent` and `backingParent`, which the filter calls `as`.
+  trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
+        std::wstring port, std::chrono::seconds longest)
+      : folder(parent),
+        backingFolder(backingParent),
+        portName(std::move(port)),
+        limit(longest),
+        stallLimit(6 * longest) {
+    const std::wstring separator = as.find(L'\\') == as.npos ? L"/" : L"\\";
+    prefix = as + (as.ends_with(separator) ? L"" : separator);
+    prefix += zan::widePath(backingFolder.path.filename()) + separator;
+    fs::create_directory(backingFolder.path / "folder");
+  }
+
+  const own_folder folder;
+  std::wstring prefix;           // of a backing file's path as the filter knows it
+  std::vector<std::string> log;  // what was sent, and what came
+  std::string choice;            // what the filter does where that is left to it
+
+  /// Forgets what one statement has left behind.
+  void clear() {
+    log.clear();
+    choice.clear();
+    for (const auto& each : fs::directory_iterator(folder.path)) fs::remove(each.path());
+  }
+
+  /// A backing file of random bytes; made when it is new.
+  fs::path backing(std::uint64_t size) const {
+    fs::path file = backingFolder.path / std::to_string(size);
+    if (fs::exists(file)) return file;
+    std::string bytes(size, '\0');
+    std::mt19937 random(static_cast<unsigned>(size));
+    for (char& each : bytes) each = static_cast<char>(random() >> 9);
+    if (!(std::ofstream(file, std::ios::binary) << bytes).flush()) failWith("cannot write", file);
+    return file;
+  }
+  RestoreTagRecord tagOf(std::uint64_t size) const {
+    backing(size);
+    return tagFor(prefix + std::to_wstring(size));
+  }
+
+  /// Where the next new file will be, and new ones: without a tag, and with one.
+  fs::path nextFile() const { return folder.path / ("file" + std::to_string(files + 1)); }
+  fs::path newFile() {
+    fs::path file = nextFile();
+    ++files;
+    if (!std::ofstream(file, std::ios::binary)) failWith("cannot write", file);
+    return file;
+  }
+  fs::path newFile(const RestoreTagRecord& tag, std::size_t size = sizeof(RestoreTagRecord)) {
+    fs::path file = newFile();
+    writeTag(file, tag, size);
+    return file;
+  }
+  fs::path newFile(std::uint64_t backingSize) { return newFile(tagOf(backingSize)); }
+
+  void remove(const fs::path& file) const {
+    fs::remove(file);
+    std::error_code error;  // where the tag is a file of its own
+    fs::remove(tagOn(file), error);
+    const auto end = steady_clock::now() + limit;
+    for (; fs::exists(file); pauseFor(20ms))
+      expect(steady_clock::now() < end, "a deleted file to go");
+  }
+
+  static void rename(const fs::path& file, const fs::path& name) {
+    fs::rename(file, name);
+    if (fs::exists(tagOn(file))) fs::rename(tagOn(file), tagOn(name));
+  }
+
+  /// Connects with a context of `size` bytes, all `filling`.
+  HANDLE connect(HRESULT asked = S_OK, std::size_t size = RESTORE_FILTER_CONNECTION_CONTEXT_SIZE,
+                 char filling = 0) {
+    log.push_back("connect with a context of " + std::to_string(size) + " bytes: ");
+    const auto [result, port] =
+        within(limit, [name = portName, bytes = std::string(size, filling)] {
+          HANDLE opened = INVALID_HANDLE_VALUE;
+          const void* const context = bytes.empty() ? nullptr : bytes.data();
+          const HRESULT came = FilterConnectCommunicationPort(
+              name.c_str(), 0, context, static_cast<WORD>(bytes.size()), nullptr, &opened);
+          return std::pair(came, opened);
+        });
+    log.back() += hex(result);
+    if (asked != S_OK) expect(result, asked);
+    expect(result >= 0 || asked != S_OK, noConnection);
+    return port;
+  }
+
+  answer send(const fs::path& file, const request& what) {
+    static constexpr const char* names[] = {"ping", "start", "stop", "query"};
+    const file_handle port(connect());
+    file_handle opened(openFile(file));
+    const HANDLE handle = what.handle == INVALID_HANDLE_VALUE ? opened.get() : what.handle;
+    ControlMessage message{
+        reinterpret_cast<std::uintptr_t>(handle), {what.operation, {}}, what.unused};
+    message.request.strategy = {static_cast<RestoreStrategyKind>(what.unused),
+                                static_cast<std::int32_t>(what.unused)};
+    const auto code = static_cast<std::uint32_t>(what.operation);
+    if (what.operation == StartAggressiveRestore)
+      message.request.strategy = {RestoreStrategyKind::simple, what.n};
+    log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
+                  file.filename().string() +
+                  ", n = " + std::to_string(message.request.strategy.concurrentReads) + ", " +
+                  std::to_string(what.size) + " bytes: ");
+    std::string bytes(std::max(what.size, sizeof(message)), '\0');
+    std::memcpy(bytes.data(), &message, sizeof(message));
+    bytes.resize(what.size);
+    if (what.isClosed) opened.close();
+    answer came =
+        within(limit, [port = port.get(), bytes, reply = std::string(what.room, '\0')]() mutable {
+          DWORD returned = 0;
+          const HRESULT result = FilterSendMessage(
+              port, bytes.data(), static_cast<DWORD>(bytes.size()),
+              reply.empty() ? nullptr : reply.data(), static_cast<DWORD>(reply.size()), &returned);
+          reply.resize(std::min<std::size_t>(returned, reply.size()));
+          return answer{result, reply};
+        });
+    log.back() += hex(came.result);
+    expect(came.result <= 0, "0 or a failure: another success code counts as a failure");
+    expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
+           "an answer, and not 0x80070006, which looks like a lost connection");
+    return came;
+  }
+  HRESULT start(const fs::path& file, std::int32_t n = 4) {
+    return send(file, {StartAggressiveRestore, n}).result;
+  }
+  /// A message that is not in order, about a new file.
+  void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
+
+  ProgressInfo progress(const fs::path& file) {
+    ProgressInfo info{};
+    const answer came = send(file, {.operation = QueryProgress, .room = sizeof(info)});
+    expect(came.result, S_OK);
+    std::memcpy(&info, came.reply.data(), came.reply.size());
+    log.back() += ", " + std::to_string(info.progress) + " of " + std::to_string(info.total);
+    expect(info.progress <= info.total, "a progress that is not above the total");
+    return info;
+  }
+
+  /// Sends, and tells the answer as the filter's choice; a ping must succeed.
+  void tell(const fs::path& file, ControlOperation operation) {
+    const HRESULT result = send(file, {operation}).result;
+    choice = operation == Ping ? "" : hex(result);
+    if (operation == Ping) expect(result, S_OK);
+    if (operation != QueryProgress || result != S_OK) return;
+    const ProgressInfo info = progress(file);
+    choice = info.progress == 0 ? "nothing" : isWhole(info) ? "all" : "a part";
+  }
+
+  /// Starts a file, or goes on with it, until it is whole.
+  void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4) {
+    expect(start(file, n), S_OK);
+    untilWhole(file, backingSize);
+  }
+  void untilWhole(const fs::path& file, std::uint64_t backingSize) {
+    ProgressInfo last{};
+    for (auto since = steady_clock::now();; pauseFor(5ms)) {
+      const ProgressInfo now = progress(file);
+      expect(now.progress >= last.progress, "a progress that does not fall");
+      if (isWhole(now)) return expectContent(file, backingSize);
+      if (now.progress != last.progress) since = steady_clock::now();
+      last = now;
+      if (steady_clock::now() - since <= stallLimit) continue;
+      stallLimit = limit;  // once is enough to wait that long
+      throw violation{"that the file becomes whole: progress and total equal, and not 0"};
+    }
+  }
+  void expectContent(const fs::path& file, std::uint64_t backingSize) {
+    const std::string is = contentOf(file);
+    const std::string asked = contentOf(backing(backingSize));
+    if (is == asked) return;
+    const auto differ = std::mismatch(is.begin(), is.end(), asked.begin(), asked.end()).first;
+    log.push_back("the file has " + std::to_string(is.size()) + " bytes, its backing file " +
+                  std::to_string(backingSize) + "; they differ from byte " +
+                  std::to_string(differ - is.begin()) + " on");
+    throw violation{"the bytes of the backing file when progress and total are equal"};
+  }
+
+  /// Runs `action` on a file that is being restored before and after it; the file, and its size.
+  std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action) {
+    for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
+      const fs::path file = newFile(size);
+      expect(start(file), S_OK);
+      if (!isWhole(progress(file))) {
+        action(file);
+        if (!isWhole(progress(file))) return {file, size};
+      }
+      remove(file);  // a larger one takes longer
+    }
+    throw untried{"1 GiB is whole before the next message comes"};
+  }
+
+ private:
+  static bool isWhole(const ProgressInfo& info) {
+    return info.total != 0 && info.progress == info.total;
+  }
+
+  const own_folder backingFolder;
+  const std::wstring portName;
+  const std::chrono::seconds limit;
+  std::chrono::seconds stallLimit;
+  int files = 0;
+};
