@@ -1,4 +1,4 @@
-# Boost.Exception, headers only. The cross build gets an include folder that
+# Boost, headers only: Exception and Locale, and Algorithm in the tests. The cross build gets an include folder that
 # holds Boost alone: the host's other headers must not be seen there.
 
 if(MINGW)
@@ -10,4 +10,8 @@ if(MINGW)
 else()
   find_path(ZAN_BOOST_ROOT boost/exception/all.hpp REQUIRED)
   include_directories(SYSTEM ${ZAN_BOOST_ROOT})
+  file(STRINGS ${ZAN_BOOST_ROOT}/boost/version.hpp ZAN_BOOST_VERSION REGEX "#define BOOST_VERSION ")
+  if(MSVC AND NOT ZAN_BOOST_VERSION MATCHES " (107[6-9]|10[89]|1[1-9])")
+    message(FATAL_ERROR "Boost 1.76 or later is needed: older ones print the HRESULT last")
+  endif()
 endif()

@@ -37,9 +37,9 @@ int sendToFilter(const std::wstring& path, const ControlRequest& request, void* 
   // Declared before the file, so that whatever happens the file is closed first.
   std::optional<filter_port> port;
 
-  file_handle file(CreateFileW(path.c_str(), GENERIC_READ,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const file_handle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file.isOpen()) {
     std::wcout << L"Cannot open local file: path = " << path << std::endl;
     return 1;
@@ -58,15 +58,13 @@ int sendToFilter(const std::wstring& path, const ControlRequest& request, void* 
   const std::wstring portName = RESTORE_FILTER_PORT_PREFIX + volumeId;
   ControlMessage message{reinterpret_cast<std::uintptr_t>(file.get()), request, 0};
   port.emplace(portName);
-  int status = 0;
   try {
     if (isPrinting) std::wcout << L"sending to instance to port: " << portName << std::endl;
     port->sendMessage(&message, sizeof(message), reply, replySize);
   } catch (zan::except::result_exception& failure) {
     std::wcout << L"message not sent to port: " << portName << std::endl;
     std::cout << boost::diagnostic_information(failure) << std::endl;
-    status = 1;
+    return 1;
   }
-  file.close();
-  return status;
+  return 0;
 }

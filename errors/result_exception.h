@@ -14,7 +14,9 @@ namespace zan::except {
 /// boost::diagnostic_information.
 struct result_exception : virtual boost::exception, virtual std::exception {};
 
-struct errinfo_HRESULT_;
+// A class, not a struct: MSVC has that in the type's name, Boost orders what it prints by the
+// names, and the HRESULT comes before the function.
+class errinfo_HRESULT_;
 /// The HRESULT that the function returned, as its 32-bit pattern.
 using errinfo_HRESULT = boost::error_info<errinfo_HRESULT_, DWORD>;
 

@@ -18,10 +18,6 @@ namespace {
 constexpr std::size_t smallestRecordBuffer = 512;  // bytes
 constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 
-// Flags of a legacy filter's record. The SDK calls it FLTFL_IASI_IS_LEGACY_FILTER,
-// the mingw-w64 headers FLTFL_IASI_IS_LEGACYFILTER.
-constexpr DWORD legacyFilterRecord = 2;
-
 // The layout of Windows 8 and later, in which a legacy filter has a name too.
 static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
 
@@ -45,7 +41,7 @@ FilterInstanceInfo readRecord(const record_buffer& buffer) {
   INSTANCE_AGGREGATE_STANDARD_INFORMATION record;
   std::memcpy(&record, buffer.data(), sizeof(record));
   FilterInstanceInfo info;
-  if (record.Flags == legacyFilterRecord) {
+  if (record.Flags == FLTFL_IASI_IS_LEGACYFILTER) {
     const auto& legacy = record.Type.LegacyFilter;
     info.isLegacyFilter = true;
     info.filterName = textAt(buffer, legacy.FilterNameBufferOffset, legacy.FilterNameLength);

@@ -31,7 +31,9 @@ void rest() { usleep(10000); }
 std::string port_server::attach(const char* path, std::string& why) {
   const auto mount = findVolumeOf(path);
   if (!mount) {
-    why = std::strerror(errno);
+    // The path itself is there: its mount is not listed, as in a chroot.
+    why = errno == ENOENT && access(path, F_OK) == 0 ? "its mount is not in /proc/self/mountinfo"
+                                                     : std::strerror(errno);
     return {};
   }
   std::string name = RESTORE_FILTER_PORT_PREFIX_A + volumeIdOf(mount->device);

@@ -13,7 +13,6 @@ namespace scripted {
 
 // Codes with a meaning of their own in `failing`.
 constexpr DWORD shortWrite = 0xFFFFFFFF;  // WriteFile succeeds, but a byte short
-constexpr DWORD throws = 0xFFFFFFFE;      // FilterSendMessage throws std::runtime_error
 
 /// A volume as the system writes it, zeros included: "\\?\Volume{GUID}\" and a zero, and
 /// the list of its device names.
