@@ -299,8 +299,7 @@ class trial {
     choice = operation == Ping ? "" : hex(result);
     if (operation == Ping) expect(result, S_OK);
     if (operation != QueryProgress || result != S_OK) return;
-    const ProgressInfo info = progress(file);
-    choice = info.progress == 0 ? "nothing" : isWhole(info) ? "all" : "a part";
+    choice = isWhole(progress(file)) ? "whole" : "not whole";
   }
 
   /// Starts a file, or goes on with it, until it is whole.

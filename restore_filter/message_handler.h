@@ -30,7 +30,8 @@ class message_handler {
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Lets go of the restorations that have ended; why one failed is kept.
+  /// Lets go of the restorations that have ended, and of their files, also when nobody asks;
+  /// why one failed is kept.
   void forgetEnded() noexcept;
 
  private:

@@ -23,8 +23,8 @@ constexpr std::size_t replySizeField = sizeof(std::uint32_t);
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 
-// The system has run out of something: it gets a moment to have it again.
-void rest() { usleep(10000); }
+// Out of some resource: waits a moment for it to recover.
+void waitForResources() { usleep(10000); }
 
 }  // namespace
 
@@ -60,7 +60,7 @@ void port_server::serve(int stop) {
     if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0) {
       waiting.resize(1);
       if (poll(waiting.data(), 1, 0) > 0) return;
-      rest();
+      waitForResources();
       continue;
     }
     if (waiting[0].revents != 0) return;
@@ -79,7 +79,7 @@ void port_server::serve(int stop) {
 
 // Drops the oldest connection of another user, else the oldest.
 void port_server::dropConnection() {
-  if (connections.empty()) return rest();
+  if (connections.empty()) return waitForResources();
   const auto stranger = std::find_if(connections.begin(), connections.end(),
                                      [](const connection& each) { return !each.isTrusted; });
   connections.erase(stranger == connections.end() ? connections.begin() : stranger);
@@ -98,7 +98,7 @@ void port_server::accept(const port& from) {
       connections.size() >= mostConnections || !leavesFree(socket, reservedDescriptors);
   if (isFull && !connections.empty()) {
     dropConnection();
-    // It takes the number that is free now: the highest ones stay free.
+    // Renumber the socket into the freed slot, so that the highest numbers stay free.
     socket = descriptor(fcntl(socket.get(), F_DUPFD_CLOEXEC, 0));
     if (!socket.isOpen()) return;
   }

@@ -89,8 +89,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   return handleOf(descriptor);
 }
 
-// All of the data or a failure, as on a Windows disk: what follows a short
-// write tells why it was short.
+// All of the data or a failure, as on a Windows disk: after a short write it writes
+// again, and that error says why.
 BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
   *written = 0;
   while (*written < size) {

@@ -36,8 +36,8 @@ int main(int argc, char** argv) {
     std::cerr << "zan_restore: out of file descriptors" << std::endl;
     return 1;
   }
-  // A reader that has gone and a file size limit are failed writes, not ends:
-  // a process that they ended would leave a half-made file.
+  // A reader that has gone and a file size limit must be failed writes, not signals that
+  // end the process: that would leave a half-made file.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
 

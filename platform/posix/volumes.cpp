@@ -52,7 +52,7 @@ bool answerVolumeName(dev_t device, LPWSTR volumeName, DWORD size) {
   return answer(name, volumeName, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
 }
 
-// The calls below end with this on a machine without memory.
+// Runs `call`. Out of memory: sets the error and returns 0, FALSE or null.
 template <typename Call>
 auto guarded(Call call) -> decltype(call()) {
   try {

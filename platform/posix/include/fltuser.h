@@ -8,7 +8,7 @@
 #include <cstddef>
 
 enum INSTANCE_INFORMATION_CLASS : ULONG { InstanceAggregateStandardInformation = 3 };
-enum FLT_FILESYSTEM_TYPE : ULONG { FLT_FSTYPE_UNKNOWN = 0 };
+enum FLT_FILESYSTEM_TYPE : ULONG {};
 
 constexpr ULONG FLTFL_IASI_IS_MINIFILTER = 1;
 constexpr ULONG FLTFL_IASI_IS_LEGACYFILTER = 2;
