@@ -104,12 +104,15 @@ template <typename Call>
 auto within(std::chrono::seconds limit, Call call) {
   std::packaged_task<decltype(call())()> task(std::move(call));
   auto result = task.get_future();
-  std::thread(std::move(task)).detach();
+  std::thread worker(std::move(task));
   const auto end = steady_clock::now() + limit;
   while (result.wait_for(50ms) != std::future_status::ready) {
+    if (!isInterrupted && steady_clock::now() < end) continue;
+    worker.detach();
     if (isInterrupted) throw interruption{};
-    if (steady_clock::now() > end) throw no_answer{};
+    throw no_answer{};
   }
+  worker.join();
   return result.get();
 }
 

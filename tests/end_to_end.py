@@ -299,7 +299,7 @@ class ControlUnderWine(story):
                 ({"FLTLIB_FIND": "801f0013"}, r"Bail out! no instance of zan_restore_filter on the volume\n.*\n"),
                 ({"FLTLIB_SEND": "80070057"}, r"# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
             status, output, _ = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
-            self.assertEqual(status, 1)
+            self.assertEqual(status, 1, output[-500:])
             self.assertRegex(output, r"\ATAP version 13\n1\.\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
             self.assertEqual(os.listdir("back"), ["data"])
 
