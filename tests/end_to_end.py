@@ -639,7 +639,7 @@ class WithFailingCalls(story):
 
     def test_interrupted_check_leaves_nothing(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
-        for delay in (0.05, 0.5, 2):
+        for delay in (0.2, 0.5, 2):
             running = subprocess.Popen([CHECK, ".", "back"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
             time.sleep(delay)
             running.send_signal(signal.SIGINT)
