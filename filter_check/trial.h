@@ -16,7 +16,9 @@
 #include <iostream>
 #include <random>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/file_handle.h"

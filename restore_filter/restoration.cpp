@@ -9,6 +9,7 @@
 #include <exception>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/posix/last_error.h"
