@@ -137,18 +137,9 @@ machine attachedMachine() {
 
 namespace {
 
-// How an argument is recorded.
-struct hex {
-  DWORD value;
-};
-std::string shown(hex number) {
-  std::ostringstream text;
-  text << std::hex << number.value;
-  return text.str();
-}
-std::string shown(DWORD number) { return std::to_string(number); }
+// How an argument is recorded: numbers in hexadecimal, a handle as what it is open on.
+DWORD shown(DWORD number) { return number; }
 std::string shown(LPCWSTR text) { return utf8(text); }
-std::string shown(const char* text) { return text; }
 std::string shown(std::span<const BYTE> bytes) {
   std::string digits;
   boost::algorithm::hex_lower(bytes.begin(), bytes.end(), std::back_inserter(digits));
@@ -160,17 +151,16 @@ std::string shown(HANDLE handle) {
   return found == now.open.end() ? "?" : utf8(found->second);
 }
 
-const char* none(const void* pointer) { return pointer == nullptr ? "-" : "something"; }
-
 // One call of the program, recorded; `code` is what it fails with, if it does.
 class call : outside_program {
  public:
   template <typename... Arguments>
   explicit call(const char* function, const Arguments&... arguments) {
     const std::string name = function;
-    std::string line = name;
-    ((line += ' ' + shown(arguments)), ...);
-    now.calls.push_back(line);
+    std::ostringstream line;
+    line << name << std::hex;
+    ((line << ' ' << shown(arguments)), ...);
+    now.calls.push_back(line.str());
     for (const auto& key : {name + '#' + std::to_string(uses(name)), name}) {
       const auto found = now.failing.find(key);
       if (found == now.failing.end()) continue;
@@ -242,10 +232,9 @@ static BOOL writeReally(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
 #define KERNEL32(result, name, ...) result WINAPI name(__VA_ARGS__)
 #endif
 
-KERNEL32(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share,
-         LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD attributes, HANDLE templateFile) {
-  const call made("CreateFileW", path, hex{access}, hex{share}, none(security), disposition,
-                  hex{attributes}, none(templateFile));
+KERNEL32(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES,
+         DWORD disposition, DWORD attributes, HANDLE) {
+  const call made("CreateFileW", path, access, share, disposition, attributes);
   if (made.code) return INVALID_HANDLE_VALUE;
   const bool exists = now.files.contains(path);
   if (exists == (disposition == CREATE_NEW)) {
@@ -257,11 +246,11 @@ KERNEL32(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share,
 }
 
 KERNEL32(BOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
-         LPOVERLAPPED overlapped) {
+         [[maybe_unused]] LPOVERLAPPED overlapped) {
 #ifdef _WIN32
   if (!now.open.contains(file)) return writeReally(file, data, size, written, overlapped);
 #endif
-  const call made("WriteFile", file, size, none(overlapped));
+  const call made("WriteFile", file, size);
   *written = made.code == shortWrite ? size - 1 : size;
   if (made.code) return made.code == shortWrite ? TRUE : FALSE;
   now.files[now.open.at(file)].append(static_cast<const char*>(data), size);
@@ -364,10 +353,9 @@ HRESULT WINAPI FilterInstanceFindClose(HANDLE search) {
 }
 
 HRESULT WINAPI FilterConnectCommunicationPort(LPCWSTR name, DWORD options, LPCVOID context,
-                                              WORD size, LPSECURITY_ATTRIBUTES security,
-                                              HANDLE* port) {
+                                              WORD size, LPSECURITY_ATTRIBUTES, HANDLE* port) {
   const call made("FilterConnectCommunicationPort", name, options,
-                  std::span(static_cast<const BYTE*>(context), size), none(security), *port);
+                  std::span(static_cast<const BYTE*>(context), size));
   const auto result = HRESULT(made.code.value_or(S_OK));
   if (result >= 0) *port = opened(L"port");
   return result;
@@ -380,7 +368,7 @@ HRESULT WINAPI FilterSendMessage(HANDLE port, LPVOID input, DWORD inputSize, LPV
   std::memcpy(&file, input, sizeof(file));
   const call made("FilterSendMessage", port, reinterpret_cast<HANDLE>(file),
                   std::span(static_cast<const BYTE*>(input), inputSize).subspan(sizeof(file)),
-                  none(output), outputSize);
+                  outputSize);
   if (made.code) return HRESULT(*made.code);
   if (port == INVALID_HANDLE_VALUE) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
   ++now.delivered;
