@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <boost/algorithm/hex.hpp>
 #include <boost/algorithm/string.hpp>
+#include <boost/interprocess/streams/bufferstream.hpp>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -19,7 +20,7 @@
 #include <utility>
 
 #include "app/wmain.h"
-#include "tests/failing_allocation.h"
+#include "platform/wide_path.h"
 
 namespace scripted {
 
@@ -27,64 +28,45 @@ machine now;
 
 namespace {
 
-// What a stream prints, in a buffer that takes no memory of the program's.
-struct captured_output : std::streambuf {
-  explicit captured_output(std::ostream& stream) : previous(stream.rdbuf(this)) {
-    setp(bytes, bytes + sizeof(bytes));
-  }
-  std::string endOn(std::ostream& stream) {
-    stream.rdbuf(previous);
-    return {pbase(), pptr()};
-  }
-  std::streambuf* previous;
-  char bytes[1 << 16];
-};
-
 // While it lives, allocations are the machine's own.
-class outside_program {
- public:
-  outside_program() = default;
-  outside_program(const outside_program&) = delete;
-  outside_program& operator=(const outside_program&) = delete;
+struct outside_program {
   ~outside_program() { isProgram = wasProgram; }
-
- private:
   const bool wasProgram = std::exchange(isProgram, false);
 };
 
 }  // namespace
 
 std::string utf8(const std::wstring& text) {
-  std::string bytes(3 * text.size() + 1, '\0');
-  const int size = text.empty()
-                       ? 0
-                       : WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()),
-                                             bytes.data(), int(bytes.size()), nullptr, nullptr);
-  bytes.resize(std::size_t(size));
-  return bytes;
+  const std::u8string bytes = zan::hostPath(text).u8string();
+  return {bytes.begin(), bytes.end()};
 }
 
-outcome run(const std::vector<std::wstring>& arguments, int failing) {
-  std::vector<std::wstring> words{L"zan_restore"};
-  words.insert(words.end(), arguments.begin(), arguments.end());
+outcome run(const std::wstring& arguments, int failing) {
+  std::vector<std::wstring> words;
+  boost::split(words, L"zan_restore|" + arguments, [](wchar_t unit) { return unit == L'|'; });
+  if (arguments.empty()) words.pop_back();
   std::vector<wchar_t*> pointers;
   for (std::wstring& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
-  captured_output output(std::cout);
-  captured_output errors(std::cerr);
+  // What is printed, in buffers that take no memory of the program's.
+  static char printed[1 << 16];
+  static char failures[1 << 10];
+  boost::interprocess::bufferbuf output(printed, sizeof(printed), std::ios::out);
+  boost::interprocess::bufferbuf errors(failures, sizeof(failures), std::ios::out);
+  std::streambuf* const previous[] = {std::cout.rdbuf(&output), std::cerr.rdbuf(&errors)};
   std::wcout << std::dec;  // as in a new process
   allocations = 0;
   failingAllocation = failing;
   isProgram = true;
   const int status = wmain(int(words.size()), pointers.data());
   isProgram = false;
-  now.errors = errors.endOn(std::cerr);
-  return {status, output.endOn(std::cout)};
-}
-
-outcome run(const std::wstring& arguments, int failing) {
-  std::vector<std::wstring> words;
-  return run(boost::split(words, arguments, [](wchar_t unit) { return unit == L'|'; }), failing);
+  std::cout.rdbuf(previous[0]);
+  std::cerr.rdbuf(previous[1]);
+  const auto size = [](auto& buffer) {
+    return std::size_t(buffer.pubseekoff(0, std::ios::cur, std::ios::out));
+  };
+  now.errors.assign(failures, size(errors));
+  return {status, {printed, size(output)}};
 }
 
 std::ptrdiff_t uses(const std::string& call) {

@@ -69,10 +69,15 @@ struct outcome {
   std::string output;  // wide and narrow lines in their order, "\n" line ends
 };
 
-/// Runs the program's entry with these arguments after its name, joined by "|" in the
-/// second form. The allocation of this index (from 1) fails; 0: none does.
-outcome run(const std::vector<std::wstring>& arguments, int failing = 0);
+/// Runs the program's entry with these arguments after its name, joined by "|". The allocation
+/// of this index (from 1) fails; 0: none does.
 outcome run(const std::wstring& arguments, int failing = 0);
+
+/// The allocations that the program has made in this run, and the one that fails; counted and
+/// failed only while isProgram is true.
+extern bool isProgram;
+extern int allocations;
+extern int failingAllocation;
 
 std::string utf8(const std::wstring& text);
 
