@@ -39,10 +39,10 @@ struct violation {
 struct untried {
   std::string reason;
 };
-struct no_answer {};
 struct interruption {};
 
 constexpr const char* noConnection = "a connection";
+constexpr const char* noAnswer = "an answer within the time limit";
 
 inline std::atomic<bool> isInterrupted = false;
 
@@ -74,23 +74,22 @@ inline std::string contentOf(const fs::path& file) {
 
 inline fs::path tagOn(fs::path file) { return file += ":" RESTORE_TAG_STREAM_NAME_A; }
 
-inline RestoreTagRecord tagFor(const std::wstring& backingPath) {
+inline std::string tagFor(const std::wstring& backingPath) {
   RestoreTagRecord tag{};
   const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::simple, 2}, tag);
   if (!fits) failWith("too long for a tag:", zan::hostPath(backingPath));
-  return tag;
+  return {reinterpret_cast<const char*>(&tag), sizeof(tag)};
 }
 
-inline void writeTag(const fs::path& file, const RestoreTagRecord& tag,
-                     std::size_t size = sizeof(tag), DWORD disposition = CREATE_NEW) {
-  std::string bytes(sizeof(tag) + 1, '\0');  // it may be too long
-  std::memcpy(bytes.data(), &tag, sizeof(tag));
-  const std::wstring name = zan::widePath(file) + RESTORE_TAG_STREAM;
-  const file_handle stream(CreateFileW(name.c_str(), GENERIC_ALL, 0, nullptr, disposition,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  DWORD written = 0;
-  WriteFile(stream.get(), bytes.data(), static_cast<DWORD>(size), &written, nullptr);
-  if (!stream.isOpen() || written != size) failWith("cannot write the tag of", file);
+inline void write(const fs::path& file, const std::string& content) {
+  if (!(std::ofstream(file, std::ios::binary) << content).flush()) failWith("cannot write", file);
+}
+
+inline void writeTag(const fs::path& file, const std::string& tag) {
+  write(tagOn(file), tag);
+  // Where a tag is a file, a filter may refuse one that others can write, whatever the umask.
+  std::error_code error;
+  fs::permissions(tagOn(file), fs::perms(0022), fs::perm_options::remove, error);
 }
 
 inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
@@ -99,23 +98,6 @@ inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_N
                                     OPEN_EXISTING, attributes, nullptr);
   if (opened == INVALID_HANDLE_VALUE) failWith("cannot open", file);
   return opened;
-}
-
-/// Runs `call`, which owns all that it uses, in a thread that is left behind when it takes longer.
-template <typename Call>
-auto within(std::chrono::seconds limit, Call call) {
-  std::packaged_task<decltype(call())()> task(std::move(call));
-  auto result = task.get_future();
-  std::thread worker(std::move(task));
-  const auto end = steady_clock::now() + limit;
-  while (result.wait_for(50ms) != std::future_status::ready) {
-    if (!isInterrupted && steady_clock::now() < end) continue;
-    worker.detach();
-    if (isInterrupted) throw interruption{};
-    throw no_answer{};
-  }
-  worker.join();
-  return result.get();
 }
 
 /// A new folder in another one, taken away with all in it.
@@ -192,12 +174,11 @@ class trial {
     std::string bytes(size, '\0');
     std::mt19937 random(static_cast<unsigned>(size));
     for (char& each : bytes) each = static_cast<char>(random() >> 9);
-    if (!(std::ofstream(file, std::ios::binary) << bytes).flush()) failWith("cannot write", file);
+    write(file, bytes);
     return file;
   }
-  RestoreTagRecord tagOf(std::uint64_t size) const {
-    backing(size);
-    return tagFor(prefix + std::to_wstring(size));
+  std::string tagOf(std::uint64_t size) const {
+    return tagFor(prefix + zan::widePath(backing(size).filename()));
   }
 
   /// Where the next new file will be, and new ones: without a tag, and with one.
@@ -205,12 +186,12 @@ class trial {
   fs::path newFile() {
     fs::path file = nextFile();
     ++files;
-    if (!std::ofstream(file, std::ios::binary)) failWith("cannot write", file);
+    write(file, "");
     return file;
   }
-  fs::path newFile(const RestoreTagRecord& tag, std::size_t size = sizeof(RestoreTagRecord)) {
+  fs::path newFile(const std::string& tag) {
     fs::path file = newFile();
-    writeTag(file, tag, size);
+    writeTag(file, tag);
     return file;
   }
   fs::path newFile(std::uint64_t backingSize) { return newFile(tagOf(backingSize)); }
@@ -233,14 +214,13 @@ class trial {
   HANDLE connect(HRESULT asked = S_OK, std::size_t size = RESTORE_FILTER_CONNECTION_CONTEXT_SIZE,
                  char filling = 0) {
     log.push_back("connect with a context of " + std::to_string(size) + " bytes: ");
-    const auto [result, port] =
-        within(limit, [name = portName, bytes = std::string(size, filling)] {
-          HANDLE opened = INVALID_HANDLE_VALUE;
-          const void* const context = bytes.empty() ? nullptr : bytes.data();
-          const HRESULT came = FilterConnectCommunicationPort(
-              name.c_str(), 0, context, static_cast<WORD>(bytes.size()), nullptr, &opened);
-          return std::pair(came, opened);
-        });
+    const auto [result, port] = answerOf([name = portName, context = std::string(size, filling)] {
+      HANDLE opened = INVALID_HANDLE_VALUE;
+      const HRESULT came = FilterConnectCommunicationPort(
+          name.c_str(), 0, context.empty() ? nullptr : context.data(),
+          static_cast<WORD>(context.size()), nullptr, &opened);
+      return std::pair(came, opened);
+    });
     log.back() += hex(result);
     if (asked != S_OK) expect(result, asked);
     expect(result >= 0 || asked != S_OK, noConnection);
@@ -268,7 +248,7 @@ class trial {
     bytes.resize(what.size);
     if (what.isClosed) opened.close();
     answer came =
-        within(limit, [port = port.get(), bytes, reply = std::string(what.room, '\0')]() mutable {
+        answerOf([port = port.get(), bytes, reply = std::string(what.room, '\0')]() mutable {
           DWORD returned = 0;
           const HRESULT result = FilterSendMessage(
               port, bytes.data(), static_cast<DWORD>(bytes.size()),
@@ -351,6 +331,24 @@ class trial {
   }
 
  private:
+  // Runs `call`, which owns all that it uses, in a thread that is left behind after `limit`.
+  template <typename Call>
+  std::invoke_result_t<Call> answerOf(Call call) {
+    std::packaged_task<std::invoke_result_t<Call>()> task(std::move(call));
+    auto result = task.get_future();
+    std::thread worker(std::move(task));
+    const auto end = steady_clock::now() + limit;
+    while (result.wait_for(50ms) != std::future_status::ready) {
+      if (!isInterrupted && steady_clock::now() < end) continue;
+      worker.detach();
+      if (isInterrupted) throw interruption{};
+      log.back() += "no answer";
+      throw violation{noAnswer};
+    }
+    worker.join();
+    return result.get();
+  }
+
   static bool isWhole(const ProgressInfo& info) {
     return info.total != 0 && info.progress == info.total;
   }
