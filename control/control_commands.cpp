@@ -13,12 +13,11 @@ int sendControlRequest(std::wstring path, const ControlRequest& request) {
     std::wcout << L"Invalid restore strategy" << std::endl;
     return 1;
   }
-  return sendToFilter(path, request, nullptr, 0, status_lines::printed);
+  return sendToFilter(path, request);
 }
 
 int queryProgress(std::wstring path, ProgressInfo& progress) {
   // The filter may write less than the whole reply; what it leaves stays 0.
   progress = {};
-  const ControlRequest request{ControlOperation::QueryProgress, {}};
-  return sendToFilter(path, request, &progress, sizeof(progress), status_lines::silent);
+  return sendToFilter(path, {ControlOperation::QueryProgress, {}}, &progress);
 }

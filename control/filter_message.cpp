@@ -31,9 +31,8 @@ bool isAttachedTo(const std::wstring& volumeId, bool isPrinting) {
 
 }  // namespace
 
-int sendToFilter(const std::wstring& path, const ControlRequest& request, void* reply,
-                 DWORD replySize, status_lines lines) {
-  const bool isPrinting = lines == status_lines::printed;
+int sendToFilter(const std::wstring& path, const ControlRequest& request, ProgressInfo* reply) {
+  const bool isPrinting = reply == nullptr;
   // Declared before the file, so that whatever happens the file is closed first.
   std::optional<filter_port> port;
 
@@ -60,7 +59,7 @@ int sendToFilter(const std::wstring& path, const ControlRequest& request, void* 
   port.emplace(portName);
   try {
     if (isPrinting) std::wcout << L"sending to instance to port: " << portName << std::endl;
-    port->sendMessage(&message, sizeof(message), reply, replySize);
+    port->sendMessage(&message, sizeof(message), reply, reply == nullptr ? 0 : sizeof(*reply));
   } catch (zan::except::result_exception& failure) {
     std::wcout << L"message not sent to port: " << portName << std::endl;
     std::cout << boost::diagnostic_information(failure) << std::endl;

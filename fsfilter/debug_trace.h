@@ -21,6 +21,6 @@ void traceLine(const Parts&... parts) noexcept {
 }
 
 /// An HRESULT as the 32-bit pattern that trace lines print, whatever `long` is.
-inline DWORD pattern(HRESULT result) noexcept { return static_cast<DWORD>(result); }
+inline DWORD bitsOf(HRESULT result) noexcept { return static_cast<DWORD>(result); }
 
 }  // namespace zan::fsfilter

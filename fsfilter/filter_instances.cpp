@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
-#include "fsfilter/enough_memory.h"
+#include "fsfilter/try_to_allocate.h"
 
 namespace zan::fsfilter {
 namespace {
@@ -69,7 +69,7 @@ std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName
   record_buffer buffer;
   HANDLE search = INVALID_HANDLE_VALUE;
   const auto resize = [&](std::size_t size) noexcept {
-    return hasMemoryFor([&] { buffer = record_buffer(size); });
+    return tryToAllocate([&] { buffer = record_buffer(size); });
   };
   const auto find = [&]() noexcept {
     DWORD unused = 0;
@@ -92,16 +92,16 @@ std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName
     }
     if (result < 0 || isTooSmall) {
       traceLine(instances.empty() ? L"FilterInstanceFindFirst" : L"FilterInstanceFindNext",
-                L" failed: status = 0x", std::hex, pattern(result));
+                L" failed: status = 0x", std::hex, bitsOf(result));
       break;
     }
     result =
-        hasMemoryFor([&] { instances.push_back(readRecord(buffer)); }) ? find() : E_OUTOFMEMORY;
+        tryToAllocate([&] { instances.push_back(readRecord(buffer)); }) ? find() : E_OUTOFMEMORY;
   }
 
   const HRESULT closed = FilterInstanceFindClose(search);
   if (closed < 0) {
-    traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, pattern(closed));
+    traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, bitsOf(closed));
   }
   return instances;
 }

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
-#include "fsfilter/enough_memory.h"
 #include "fsfilter/filter_instances.h"
+#include "fsfilter/try_to_allocate.h"
 
 namespace zan::fsfilter {
 namespace {
@@ -42,7 +42,7 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer ||
-        !hasMemoryFor([&] { devices = std::vector<wchar_t>(larger); })) {
+        !tryToAllocate([&] { devices = std::vector<wchar_t>(larger); })) {
       traceQuery(error, volume);
       return false;
     }
@@ -54,7 +54,7 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
 void FilterInstanceInfo::resolveVolumeId() noexcept {
   volumeId.clear();
   std::vector<wchar_t> devices;
-  if (!hasMemoryFor([&] { devices.resize(smallestDeviceBuffer); })) {
+  if (!tryToAllocate([&] { devices.resize(smallestDeviceBuffer); })) {
     traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     return;
   }
@@ -72,7 +72,7 @@ void FilterInstanceInfo::resolveVolumeId() noexcept {
                           name.starts_with(prefix) && name.ends_with(L'\\');
     if (isVolume) volume[name.size() - 1] = L'\0';
     if (isVolume && isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-      if (!hasMemoryFor([&] { volumeId = volume.data() + prefix.size(); })) {
+      if (!tryToAllocate([&] { volumeId = volume.data() + prefix.size(); })) {
         traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
       }
       break;

@@ -4,10 +4,9 @@
 
 namespace zan::fsfilter {
 
-/// Runs `action`, which can fail in one way, by running out of memory. False when it
-/// did; for functions that report that as a result.
+/// Runs `action`; false when memory ran out, for functions that report that as a result.
 template <typename Action>
-bool hasMemoryFor(Action action) noexcept {
+bool tryToAllocate(Action action) noexcept {
   try {
     action();
     return true;
