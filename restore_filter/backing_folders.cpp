@@ -34,9 +34,8 @@ HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
   if (fstat(path.get(), &status) != 0) return hostFailure();
   if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   if (!S_ISREG(status.st_mode)) return E_INVALIDARG;
-  const std::string link = "/proc/self/fd/" + std::to_string(path.get());
   // O_NONBLOCK, so that somebody's lease is a refusal, not a wait.
-  file = descriptor(open(link.c_str(), flags | O_CLOEXEC | O_NONBLOCK));
+  file = descriptor(open(procPathOf(path.get()).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
   return file.isOpen() ? S_OK : hostFailure();
 }
 

@@ -21,8 +21,6 @@ constexpr int mostReads = 64;
 // Descriptors that restorations leave to connections and to the handling of a message.
 constexpr int reservedDescriptors = 12;
 
-std::string pathOf(const descriptor& file) { return "/proc/self/fd/" + std::to_string(file.get()); }
-
 // Takes an own reference to the file that the sender's handle stands for.
 HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   if (handle > INT_MAX) return E_INVALIDARG;
@@ -66,7 +64,7 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   HRESULT result = takeFile(sender, received.fileHandle, path);
   if (result == S_OK) result = openRegularFile(path, O_RDONLY, file);
   if (result != S_OK) return result;
-  const auto volume = findVolumeOf(pathOf(file).c_str());
+  const auto volume = findMountOf(procPathOf(file.get()).c_str());
   // A mount that isn't in the table is one of another mount name space.
   if (!volume && errno != ENOENT) return hostFailure();
   if (!volume || volume->device != device) return E_INVALIDARG;

@@ -29,7 +29,7 @@ void waitForResources() { usleep(10000); }
 }  // namespace
 
 std::string port_server::attach(const char* path, std::string& why) {
-  const auto mount = findVolumeOf(path);
+  const auto mount = findMountOf(path);
   if (!mount) {
     // The path itself is there: its mount is not listed, as in a chroot.
     why = errno == ENOENT && access(path, F_OK) == 0 ? "its mount is not in /proc/self/mountinfo"

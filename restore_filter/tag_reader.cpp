@@ -33,9 +33,10 @@ HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
                        record.pathOffset == RESTORE_TAG_PATH_OFFSET && record.pathLength % 2 == 0 &&
                        units > 0 && units <= RESTORE_TAG_PATH_UNITS;
   if (!isSound) return notWhole;
-  if (std::find(record.path, record.path + units, 0) != record.path + units) return notWhole;
+  const std::wstring path(record.path, record.path + units);
+  if (path.find(L'\0') != path.npos) return notWhole;
   backingPath.resize(3 * units);
-  backingPath.resize(encodeUtf8(record.path, units, backingPath.data(), backingPath.size()));
+  backingPath.resize(encodeUtf8(path.data(), units, backingPath.data(), backingPath.size()));
   return S_OK;
 }
 
@@ -43,9 +44,8 @@ HRESULT readTagOf(int file, std::string& backingPath) {
   struct stat local {};
   if (fstat(file, &local) != 0) return hostFailure();
   if (local.st_nlink == 0) return notTagged;  // deleted, and its tag with it
-  const std::string link = "/proc/self/fd/" + std::to_string(file);
   std::string path(PATH_MAX, '\0');
-  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  const ssize_t length = readlink(procPathOf(file).c_str(), path.data(), path.size());
   if (length < 0) return hostFailure();
   path.resize(static_cast<std::size_t>(length));
   path += ":" RESTORE_TAG_STREAM_NAME_A;

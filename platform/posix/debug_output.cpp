@@ -7,15 +7,14 @@
 #include <cwchar>
 
 #include "platform/posix/abstract_socket.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/utf16.h"
 
 void OutputDebugStringW(LPCWSTR text) {
   char line[4096];
   const std::size_t units = std::min(std::wcslen(text), sizeof(line) / 3);
   const std::size_t size = encodeUtf8(text, units, line, sizeof(line));
-  const int monitor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (monitor < 0) return;
+  const descriptor monitor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const abstract_address address("DBWIN_BUFFER");
-  sendto(monitor, line, size, MSG_DONTWAIT | MSG_NOSIGNAL, address.get(), address.size());
-  close(monitor);
+  sendto(monitor.get(), line, size, MSG_DONTWAIT | MSG_NOSIGNAL, address.get(), address.size());
 }

@@ -2,8 +2,18 @@
 
 #include <sys/resource.h>
 #include <unistd.h>
+#include <windows.h>
 
+#include <string>
 #include <utility>
+
+// A HANDLE is the number of a descriptor.
+inline HANDLE handleOf(int number) {
+  return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(number));
+}
+inline int descriptorOf(HANDLE handle) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
+}
 
 /// Owns one file descriptor; -1 when it has none.
 class descriptor {
@@ -20,10 +30,15 @@ class descriptor {
 
   int get() const { return number; }
   bool isOpen() const { return number >= 0; }
+  /// The number, which the caller closes from now on.
+  int release() { return std::exchange(number, -1); }
 
  private:
   int number;
 };
+
+/// A path to what a descriptor of this process is open on.
+inline std::string procPathOf(int number) { return "/proc/self/fd/" + std::to_string(number); }
 
 /// Whether the process may still open `count` descriptors, as seen from the one that was
 /// opened last: they are handed out lowest first.

@@ -1,6 +1,5 @@
-// Files and named streams. A HANDLE is the number of a descriptor. A named
-// stream is the path as written, less a final ":$DATA": a file NAME:STREAM
-// beside NAME, or the real named stream where NTFS is mounted with them.
+// Files and named streams. A named stream is the path as written, less a final ":$DATA": a file
+// NAME:STREAM beside NAME, or the real named stream where NTFS is mounted with them.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/posix/descriptor.h"
 #include "platform/posix/host_path.h"
 #include "platform/posix/last_error.h"
 
@@ -22,14 +22,6 @@ constexpr std::string_view defaultStreamType = ":$DATA";
 // own, deleting its file must take it along, but never a file of that name that
 // somebody else put there.
 char createdStream[PATH_MAX];
-
-HANDLE handleOf(int descriptor) {
-  return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor));
-}
-
-int descriptorOf(HANDLE handle) {
-  return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
-}
 
 // Drops the type from a stream's name, FILE:STREAM:$DATA. False when the name has a
 // type but no stream, or a stream of a stream: no file is named so.
@@ -74,19 +66,18 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
   if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
   // Whoever can write a tag chooses what a filter reads.
-  const int descriptor = open(host.bytes, flags, isStream ? 0644 : 0666);
-  if (descriptor < 0) return openFailed(errno, host);
+  descriptor file(open(host.bytes, flags, isStream ? 0644 : 0666));
+  if (!file.isOpen()) return openFailed(errno, host);
 
   struct stat opened {};
   const bool mayBeFolder = (attributes & FILE_FLAG_BACKUP_SEMANTICS) != 0;
-  if (!mayBeFolder && fstat(descriptor, &opened) == 0 && S_ISDIR(opened.st_mode)) {
-    close(descriptor);
+  if (!mayBeFolder && fstat(file.get(), &opened) == 0 && S_ISDIR(opened.st_mode)) {
     return openFailed(EISDIR, host);
   }
   if (isStream && disposition == CREATE_NEW) {
     std::memcpy(createdStream, host.bytes, host.size + 1);
   }
-  return handleOf(descriptor);
+  return handleOf(file.release());
 }
 
 // All of the data or a failure, as on a Windows disk: after a short write it writes
@@ -96,10 +87,7 @@ BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAP
   while (*written < size) {
     const auto* rest = static_cast<const char*>(data) + *written;
     const ssize_t count = write(descriptorOf(file), rest, size - *written);
-    if (count < 0) {
-      SetLastError(windowsErrorFor(errno));
-      return FALSE;
-    }
+    if (count < 0) return failsWithErrno();
     if (count == 0) break;
     *written += static_cast<DWORD>(count);
   }
@@ -107,17 +95,12 @@ BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAP
 }
 
 BOOL CloseHandle(HANDLE handle) {
-  if (close(descriptorOf(handle)) == 0) return TRUE;
-  SetLastError(windowsErrorFor(errno));
-  return FALSE;
+  return close(descriptorOf(handle)) == 0 || failsWithErrno();
 }
 
 BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD) {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    SetLastError(windowsErrorFor(errno));
-    return FALSE;
-  }
+  if (pipe2(ends, O_CLOEXEC) != 0) return failsWithErrno();
   *reading = handleOf(ends[0]);
   *writing = handleOf(ends[1]);
   return TRUE;
@@ -131,7 +114,5 @@ BOOL DeleteFileW(LPCWSTR path) {
   if (stream.starts_with(name) && stream.find(':', name.size()) == name.size()) {
     unlink(createdStream);
   }
-  if (unlink(host.bytes) == 0) return TRUE;
-  SetLastError(windowsErrorFor(errno));
-  return FALSE;
+  return unlink(host.bytes) == 0 || failsWithErrno();
 }

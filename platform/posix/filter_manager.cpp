@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/posix/abstract_socket.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/host_path.h"
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
@@ -86,8 +87,6 @@ HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD
   return S_OK;
 }
 
-int descriptorOf(HANDLE port) { return static_cast<int>(reinterpret_cast<std::intptr_t>(port)); }
-
 // One packet of two parts out, one of an HRESULT and a reply in. The count of
 // reply bytes, or -1 when the peer is gone.
 ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec reply) {
@@ -118,7 +117,7 @@ HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, 
     auto found = std::make_unique<instance_search>();
     found->filterName = host_path(filterName).bytes;
     std::string sockets;
-    if (!readProcFile("/proc/net/unix", sockets)) return failure(windowsErrorFor(errno));
+    if (!readProcFile("/proc/net/unix", sockets)) return hostFailure();
     found->devices = listeningDevices(sockets, found->filterName);
     if (found->devices.empty()) return ERROR_FLT_FILTER_NOT_FOUND;
     const HRESULT result = nextInstance(*found, buffer, size, returned);
@@ -146,24 +145,20 @@ HRESULT FilterInstanceFindClose(HANDLE search) {
 
 HRESULT FilterConnectCommunicationPort(LPCWSTR portName, DWORD, LPCVOID context, WORD contextSize,
                                        LPSECURITY_ATTRIBUTES, HANDLE* port) {
-  const int descriptor = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) return failure(windowsErrorFor(errno));
+  descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (!connection.isOpen()) return hostFailure();
   const abstract_address address(host_path(portName).bytes);
-  HRESULT result = S_OK;
-  if (connect(descriptor, address.get(), address.size()) != 0) {
+  if (connect(connection.get(), address.get(), address.size()) != 0) {
     const bool isAbsent = errno == ECONNREFUSED || errno == ENOENT;
-    result = failure(isAbsent ? ERROR_FILE_NOT_FOUND : windowsErrorFor(errno));
-  } else if (!isTrusted(descriptor)) {
-    result = failure(ERROR_ACCESS_DENIED);
-  } else if (exchange(descriptor, {{{const_cast<LPVOID>(context), contextSize}, {}}}, result, {}) <
-             0) {
-    result = failure(ERROR_INVALID_HANDLE);
+    return isAbsent ? failure(ERROR_FILE_NOT_FOUND) : hostFailure();
   }
-  if (result < 0) {
-    close(descriptor);
-  } else {
-    *port = reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor));
+  if (!isTrusted(connection.get())) return failure(ERROR_ACCESS_DENIED);
+  HRESULT result = S_OK;
+  const iovec packet{const_cast<LPVOID>(context), contextSize};
+  if (exchange(connection.get(), {{packet, {}}}, result, {}) < 0) {
+    return failure(ERROR_INVALID_HANDLE);
   }
+  if (result >= 0) *port = handleOf(connection.release());
   return result;
 }
 

@@ -9,6 +9,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <utility>
+
+#include "platform/posix/descriptor.h"
 
 namespace {
 
@@ -45,71 +48,47 @@ std::string unescaped(std::string_view field) {
   return text;
 }
 
-// A line: "ID PARENT MAJOR:MINOR ROOT MOUNT-POINT ...".
-mount_entry entryIn(std::string_view line) {
-  mount_entry mount{};
-  nextField(line);
-  nextField(line);
-  const auto major = numberIn<unsigned>(nextField(line, ':'));
-  const auto minor = numberIn<unsigned>(nextField(line));
-  mount.device = makedev(major, minor);
-  nextField(line);
-  mount.mountPoint = nextField(line);
-  return mount;
-}
-
 }  // namespace
 
 bool readProcFile(const char* path, std::string& content) {
-  const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return false;
+  const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) return false;
   char chunk[16384];
   ssize_t count = 0;
-  try {
-    while ((count = read(descriptor, chunk, sizeof(chunk))) > 0) {
-      content.append(chunk, static_cast<std::size_t>(count));
-    }
-  } catch (...) {
-    close(descriptor);
-    throw;
+  while ((count = read(file.get(), chunk, sizeof(chunk))) > 0) {
+    content.append(chunk, static_cast<std::size_t>(count));
   }
-  const int error = errno;
-  close(descriptor);
-  errno = error;
   return count == 0;
 }
 
-mount_table::mount_table() : wasRead(readProcFile("/proc/self/mountinfo", text)), rest(text) {}
-
-bool mount_table::next(mount_entry& mount) {
-  if (rest.empty()) return false;
-  mount = entryIn(nextField(rest, '\n'));
+bool readMounts(std::vector<mount_entry>& mounts) {
+  std::string text;
+  if (!readProcFile("/proc/self/mountinfo", text)) return false;
+  for (std::string_view rest = text; !rest.empty();) {
+    // A line: "ID PARENT MAJOR:MINOR ROOT MOUNT-POINT ...".
+    std::string_view line = nextField(rest, '\n');
+    const auto id = numberIn<std::uint64_t>(nextField(line));
+    nextField(line);
+    const auto major = numberIn<unsigned>(nextField(line, ':'));
+    const auto minor = numberIn<unsigned>(nextField(line));
+    nextField(line);
+    mounts.push_back({id, makedev(major, minor), unescaped(nextField(line))});
+  }
   return true;
 }
 
-std::optional<mount_entry> mount_table::find(std::uint64_t id) const {
-  const std::string start = '\n' + std::to_string(id) + ' ';
-  std::size_t line = 0;
-  if (!text.starts_with(std::string_view(start).substr(1))) {
-    line = text.find(start);
-    if (line == text.npos) return std::nullopt;
-    ++line;
-  }
-  return entryIn(std::string_view(text).substr(line, text.find('\n', line) - line));
-}
-
-std::optional<mounted_volume> findVolumeOf(const char* path) {
+std::optional<mount_entry> findMountOf(const char* path) {
   struct statx file {};
-  if (statx(AT_FDCWD, path, 0, STATX_MNT_ID, &file) != 0) return std::nullopt;
-  const mount_table table;
-  if (!table.isRead()) return std::nullopt;
-  const bool isKnown = (file.stx_mask & STATX_MNT_ID) != 0;  // Linux 5.8 or later
-  const auto mount = isKnown ? table.find(file.stx_mnt_id) : std::nullopt;
-  if (!mount) {
-    errno = ENOENT;
+  std::vector<mount_entry> mounts;
+  if (statx(AT_FDCWD, path, 0, STATX_MNT_ID, &file) != 0 || !readMounts(mounts)) {
     return std::nullopt;
   }
-  return mounted_volume{mount->device, unescaped(mount->mountPoint)};
+  const bool isKnown = (file.stx_mask & STATX_MNT_ID) != 0;  // Linux 5.8 or later
+  for (mount_entry& mount : mounts) {
+    if (isKnown && mount.id == file.stx_mnt_id) return std::move(mount);
+  }
+  errno = ENOENT;
+  return std::nullopt;
 }
 
 std::string volumeIdOf(dev_t device) {

@@ -13,31 +13,6 @@ constexpr utf::code_point firstByteEscape = 0xDC80;
 constexpr utf::code_point lastByteEscape = 0xDCFF;
 constexpr utf::code_point replacementCharacter = 0xFFFD;
 
-template <typename Unit>
-std::size_t encode(const Unit* units, std::size_t count, char* bytes, std::size_t capacity) {
-  std::size_t size = 0;
-  for (const Unit* const end = units + count; units != end;) {
-    const auto first = static_cast<std::uint16_t>(*units & 0xFFFF);
-    const Unit* next = units;
-    utf::code_point point = utf::utf_traits<Unit, 2>::decode(next, end);
-    if (!utf::is_valid_codepoint(point)) {
-      next = units + 1;
-      point = replacementCharacter;
-    }
-    const bool isByte = first >= firstByteEscape && first <= lastByteEscape;
-    const std::size_t length = isByte ? 1 : static_cast<std::size_t>(utf8::width(point));
-    if (length > capacity - size) return capacity + 1;
-    if (isByte) {
-      bytes[size] = static_cast<char>(first);
-    } else {
-      utf8::encode(point, bytes + size);
-    }
-    size += length;
-    units = next;
-  }
-  return size;
-}
-
 }  // namespace
 
 std::size_t decodeUtf8(const char* bytes, std::size_t size, wchar_t* units) {
@@ -57,12 +32,27 @@ std::size_t decodeUtf8(const char* bytes, std::size_t size, wchar_t* units) {
 }
 
 std::size_t encodeUtf8(const wchar_t* units, std::size_t count, char* bytes, std::size_t capacity) {
-  return encode(units, count, bytes, capacity);
-}
-
-std::size_t encodeUtf8(const std::uint16_t* units, std::size_t count, char* bytes,
-                       std::size_t capacity) {
-  return encode(units, count, bytes, capacity);
+  std::size_t size = 0;
+  for (const wchar_t* const end = units + count; units != end;) {
+    const auto first = static_cast<std::uint16_t>(*units & 0xFFFF);
+    const wchar_t* next = units;
+    utf::code_point point = utf::utf_traits<wchar_t, 2>::decode(next, end);
+    if (!utf::is_valid_codepoint(point)) {
+      next = units + 1;
+      point = replacementCharacter;
+    }
+    const bool isByte = first >= firstByteEscape && first <= lastByteEscape;
+    const std::size_t length = isByte ? 1 : static_cast<std::size_t>(utf8::width(point));
+    if (length > capacity - size) return capacity + 1;
+    if (isByte) {
+      bytes[size] = static_cast<char>(first);
+    } else {
+      utf8::encode(point, bytes + size);
+    }
+    size += length;
+    units = next;
+  }
+  return size;
 }
 
 int MultiByteToWideChar(UINT, DWORD, const char* bytes, int size, LPWSTR units, int capacity) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 // UTF-8 and UTF-16 with one code unit in a wchar_t. A byte that is not part of
 // well-formed UTF-8 becomes a lone surrogate, U+DC80 + its low 7 bits, and turns
@@ -11,9 +10,6 @@
 /// the count of code units.
 std::size_t decodeUtf8(const char* bytes, std::size_t size, wchar_t* units);
 
-/// Encodes `count` code units of 16 bits (wchar_t or uint16_t) into `bytes`,
-/// which holds `capacity`; 3 a unit always suffice. Any other lone surrogate
-/// becomes U+FFFD. Returns the size, or `capacity` + 1 when it does not fit.
+/// Encodes `count` code units into `bytes`, which holds `capacity`; 3 a unit always suffice. Any
+/// other lone surrogate becomes U+FFFD. Returns the size, or `capacity` + 1 when it does not fit.
 std::size_t encodeUtf8(const wchar_t* units, std::size_t count, char* bytes, std::size_t capacity);
-std::size_t encodeUtf8(const std::uint16_t* units, std::size_t count, char* bytes,
-                       std::size_t capacity);

@@ -28,11 +28,6 @@ struct volume_search {
   std::size_t next = 0;
 };
 
-bool failsWith(DWORD code) {
-  SetLastError(code);
-  return false;
-}
-
 // Decodes `text` and a terminating zero into `units`, which holds `size`. A text
 // that exceeds PATH_MAX is nobody's name.
 bool answer(std::string_view text, LPWSTR units, DWORD size) {
@@ -63,9 +58,9 @@ auto guarded(Call call) -> decltype(call()) {
   }
 }
 
-std::optional<mounted_volume> mountOf(LPCWSTR path) {
-  std::optional<mounted_volume> mount = findVolumeOf(host_path(path).bytes);
-  if (!mount) SetLastError(windowsErrorFor(errno));
+std::optional<mount_entry> mountOf(LPCWSTR path) {
+  std::optional<mount_entry> mount = findMountOf(host_path(path).bytes);
+  if (!mount) failsWithErrno();
   return mount;
 }
 
@@ -73,7 +68,7 @@ std::optional<mounted_volume> mountOf(LPCWSTR path) {
 
 BOOL GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size) {
   return guarded([&]() -> BOOL {
-    const std::optional<mounted_volume> mount = mountOf(path);
+    const std::optional<mount_entry> mount = mountOf(path);
     if (!mount) return FALSE;
     return answer(mount->mountPoint, mountPoint, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
   });
@@ -81,7 +76,7 @@ BOOL GetVolumePathNameW(LPCWSTR path, LPWSTR mountPoint, DWORD size) {
 
 BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DWORD size) {
   return guarded([&]() -> BOOL {
-    const std::optional<mounted_volume> mount = mountOf(mountPoint);
+    const std::optional<mount_entry> mount = mountOf(mountPoint);
     return mount && answerVolumeName(mount->device, volumeName, size);
   });
 }
@@ -89,19 +84,18 @@ BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DW
 HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
   const HANDLE volumes = guarded([&]() -> HANDLE {
     auto search = std::make_unique<volume_search>();
-    mount_table table;
-    if (!table.isRead()) {
-      SetLastError(windowsErrorFor(errno));
+    std::vector<mount_entry> mounts;
+    if (!readMounts(mounts)) {
+      failsWithErrno();
       return nullptr;
     }
-    for (mount_entry mount; table.next(mount);) {
+    for (const mount_entry& mount : mounts) {
       const auto& known = search->devices;
       if (std::find(known.begin(), known.end(), mount.device) == known.end()) {
         search->devices.push_back(mount.device);
       }
     }
-    if (!FindNextVolumeW(search.get(), volumeName, size)) return nullptr;
-    return search.release();
+    return FindNextVolumeW(search.get(), volumeName, size) ? search.release() : nullptr;
   });
   return volumes == nullptr ? INVALID_HANDLE_VALUE : volumes;
 }
