@@ -1,16 +1,15 @@
-// operator new of the test program, in a file of its own, so that no compiler sees through the
-// pair of new and delete.
+// operator new of the test program, in a file that uses none, so that no compiler sees through
+// the pair of new and delete.
 
 #include <cstdlib>
 #include <new>
 
-#include "tests/scripted_machine.h"
-
+namespace scripted {
+bool isProgram = false;
+int allocations = 0;
+int failingAllocation = 0;
+}  // namespace scripted
 using namespace scripted;
-
-bool scripted::isProgram = false;
-int scripted::allocations = 0;
-int scripted::failingAllocation = 0;
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return isProgram && ++allocations == failingAllocation ? nullptr : std::malloc(size);
