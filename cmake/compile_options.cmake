@@ -18,11 +18,9 @@ else()
   add_link_options(-Wl,--gc-sections)
 endif()
 
-# Named streams, volumes and the Filter Manager's newest record layout.
-add_compile_definitions($<$<BOOL:${WIN32}>:_WIN32_WINNT=0x0A00>
-                        $<$<BOOL:${WIN32}>:WINVER=0x0A00>
-                        $<$<BOOL:${WIN32}>:NTDDI_VERSION=0x0A000000>
-                        $<$<BOOL:${WIN32}>:NOMINMAX>)
+if(WIN32) # Windows 10: the Filter Manager's newest record layout
+  add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 NTDDI_VERSION=0x0A000000 NOMINMAX)
+endif()
 
 if(ZAN_SANITIZE)
   # GCC 12 sees uninitialized values in std::regex as soon as it is instrumented.

@@ -74,31 +74,19 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   result = keyOf(file.get(), key);
   if (result != S_OK) return result;
   forgetEnded();
-  const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
-  const auto running = restorations.find(key);
-  if (isStop && running != restorations.end()) {  // whatever became of its tag
-    running->second->stop();
-    return S_OK;
-  }
+  if (request.operation == ControlOperation::StopAggressiveRestore) return stop(key, file);
 
   std::string backingPath;
   result = readTagOf(file.get(), backingPath);
   if (result != S_OK) return result;
 
-  switch (request.operation) {
-    case ControlOperation::StartAggressiveRestore:
-      result = openRegularFile(path, O_RDWR, file);
-      return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
-    case ControlOperation::StopAggressiveRestore:
-      std::erase_if(failures, [&](const auto& each) {
-        return each.first == key && each.second.lostFrom == restore_failure::nowhere;
-      });
-      return S_OK;
-    default:
-      result = queryProgress(key, file, backingPath, reply);
-      if (result == S_OK) replySize = sizeof(reply);
-      return result;
+  if (request.operation == ControlOperation::StartAggressiveRestore) {
+    result = openRegularFile(path, O_RDWR, file);
+    return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
   }
+  result = queryProgress(key, file, backingPath, reply);
+  if (result == S_OK) replySize = sizeof(reply);
+  return result;
 }
 
 HRESULT message_handler::keyOf(int file, file_key& key) {
@@ -150,6 +138,22 @@ HRESULT message_handler::start(file_key key, descriptor file, const std::string&
     slot->second = std::move(next);
   }
   if (failure != failures.end()) failures.erase(failure);
+  return S_OK;
+}
+
+HRESULT message_handler::stop(file_key key, const descriptor& file) {
+  const auto running = restorations.find(key);
+  if (running != restorations.end()) {  // whatever became of its tag
+    running->second->stop();
+    return S_OK;
+  }
+  std::string unused;
+  const HRESULT tagged = readTagOf(file.get(), unused);
+  if (tagged != S_OK) return tagged;
+  const auto failure = failures.find(key);
+  const bool isForgotten =
+      failure != failures.end() && failure->second.lostFrom == restore_failure::nowhere;
+  if (isForgotten) failures.erase(failure);
   return S_OK;
 }
 

@@ -41,6 +41,7 @@ class message_handler {
 
   HRESULT start(file_key key, descriptor file, const std::string& backingPath,
                 const RestoreStrategy& how);
+  HRESULT stop(file_key key, const descriptor& file);
   HRESULT queryProgress(file_key key, const descriptor& file, const std::string& backingPath,
                         ProgressInfo& progress);
 

@@ -52,8 +52,8 @@ def tool(*words, program=(TOOL,), **options):
 def send(word, path, *count, **options):
     """0, or the HRESULT in the diagnosis of a failed send; None when nothing was sent."""
     status, output = tool(word, *count, path, **options)
-    line = next((line for line in output.splitlines() if "FilterSendMessage" in line), None)
-    return 0 if status == 0 else line and int(line.split("[")[0], 16)
+    code = re.search(r"(0x\w+)\[", output)
+    return 0 if status == 0 else code and int(code[1], 16)
 
 
 def eventually(condition, seconds=20):
@@ -368,13 +368,12 @@ class WithRestoreFilter(story):
             os.pwrite(sparse.fileno(), self.content, 5 << 20)
             os.truncate("back/sparse", 20 << 20)
         shutil.copy("back/data", "back/\xe9\u4e2d")
-        for index, backing in enumerate(("C:\\data", "c:\\\xe9\u4e2d", r"\\SRV\Share\data")):
-            self.set_up_file(str(index), backing)
-            self.start(str(index), 4)
-            self.ends_with(str(index), self.content)
-        self.set_up_file("sparse", "c:\\sparse")
-        self.start("sparse")
-        self.ends_with("sparse", Path("back/sparse").read_bytes())
+        for name, backing, content in (
+                ("drive", "C:\\data", self.content), ("unicode", "c:\\\xe9\u4e2d", self.content),
+                ("share", r"\\SRV\Share\data", self.content), ("sparse", "c:\\sparse", Path("back/sparse").read_bytes())):
+            self.set_up_file(name, backing)
+            self.start(name, 4)
+            self.ends_with(name, content)
         self.assertLess(os.stat("sparse").st_blocks * 512, 6 << 20)  # the holes are kept
         # As if what was written last had not come to the disk; read and changed by somebody since.
         self.set_up_file("crashed")
@@ -488,8 +487,8 @@ class WithPeer(story):
                                  "error = 0x80070005\n" % port_of(".")])
 
     def test_traces_when_no_filter_is_loaded(self):
-        with monitor() as lines, socket.socket(socket.AF_UNIX) as stream:  # a port is a SOCK_SEQPACKET
-            stream.bind("\0" + port_of("."))
+        with monitor() as lines, socket.socket(socket.AF_UNIX) as stream:
+            stream.bind("\0" + port_of("."))  # a port is a SOCK_SEQPACKET
             stream.listen()
             self.assertEqual(tool("--progress", "back/data"),
                              (1, "no filter instance found for back/data\nqueryProgress failed\n"))

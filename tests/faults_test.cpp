@@ -24,31 +24,31 @@ std::vector<DWORD> codesFor(const std::string& call) {
 
 // Runs a command where these calls and this allocation (0: none) fail.
 void expectWholeWorld(const std::wstring& words, const codes& failing, int allocation = 0) {
-  now = attachedMachine();
-  now.failing = failing;
+  world = attachedMachine();
+  world.failing = failing;
   const outcome done = run(words, allocation);
   SCOPED_TRACE(utf8(words) + ", " + failing.begin()->first + ", " + std::to_string(allocation));
-  EXPECT_TRUE(now.open.empty());
-  for (const std::string& call : now.calls) {
+  EXPECT_TRUE(world.open.empty());
+  for (const std::string& call : world.calls) {
     EXPECT_EQ(call.find(" ?"), call.npos) << "a closed handle was used: " << call;
   }
-  const auto portClosed = std::find(now.calls.begin(), now.calls.end(), "CloseHandle port");
-  EXPECT_TRUE(portClosed == now.calls.end() ||
-              std::find(now.calls.begin(), portClosed, "CloseHandle f") != portClosed);
-  for (const std::string& trace : now.traces) EXPECT_TRUE(trace.ends_with('\n')) << trace;
+  const auto portClosed = std::find(world.calls.begin(), world.calls.end(), "CloseHandle port");
+  EXPECT_TRUE(portClosed == world.calls.end() ||
+              std::find(world.calls.begin(), portClosed, "CloseHandle f") != portClosed);
+  for (const std::string& trace : world.traces) EXPECT_TRUE(trace.ends_with('\n')) << trace;
   EXPECT_TRUE(done.output.empty() || done.output.ends_with('\n')) << done.output;
   // Either the program made do without, or it says so and nothing else.
   const std::string outOfMemory = std::string("zan_restore: ") + std::bad_alloc().what() + '\n';
-  EXPECT_TRUE(now.errors.empty() || now.errors == outOfMemory) << now.errors;
+  EXPECT_TRUE(world.errors.empty() || world.errors == outOfMemory) << world.errors;
 
-  EXPECT_TRUE(now.files.contains(L"f"));
-  bool hasSucceeded = now.delivered == 1;
+  EXPECT_TRUE(world.files.contains(L"f"));
+  bool hasSucceeded = world.delivered == 1;
   if (words.starts_with(L"new")) {
-    const auto tag = now.files.find(L"new:restore_filter_tag:$DATA");
-    hasSucceeded = tag != now.files.end() && tag->second.size() == 16376;
+    const auto tag = world.files.find(L"new:restore_filter_tag:$DATA");
+    hasSucceeded = tag != world.files.end() && tag->second.size() == 16376;
     const bool isKept = uses("DeleteFileW") == 1 && failing.contains("DeleteFileW");
-    EXPECT_EQ(now.files.contains(L"new"), hasSucceeded || isKept);
-    EXPECT_TRUE(isKept || (tag != now.files.end()) == hasSucceeded);
+    EXPECT_EQ(world.files.contains(L"new"), hasSucceeded || isKept);
+    EXPECT_TRUE(isKept || (tag != world.files.end()) == hasSucceeded);
   }
   EXPECT_EQ(done.status, hasSucceeded ? 0 : 1) << done.output;
 }
@@ -57,10 +57,10 @@ void expectWholeWorld(const std::wstring& words, const codes& failing, int alloc
 
 TEST(Faults, EveryCallOfEveryCommandFails) {
   for (const std::wstring& words : commands) {
-    now = attachedMachine();
+    world = attachedMachine();
     run(words);
     std::set<std::string> called;
-    for (const std::string& line : now.calls) called.insert(line.substr(0, line.find(' ')));
+    for (const std::string& line : world.calls) called.insert(line.substr(0, line.find(' ')));
     for (const std::string& call : called) {
       for (const char* use : {"", "#1", "#2", "#3"}) {
         for (const DWORD code : codesFor(call)) {
@@ -87,7 +87,7 @@ TEST(Faults, EveryAllocationOfEveryCommandFails) {
       int ends = 0;  // of the whole program
       for (int index = 1; index == 1 || index - 1 <= allocations; ++index) {
         expectWholeWorld(words, failing, index);
-        ends += now.errors.empty() ? 0 : 1;
+        ends += world.errors.empty() ? 0 : 1;
       }
       EXPECT_TRUE(ends > 0 || allocations == 0);  // none under valgrind, which takes its own new
     }

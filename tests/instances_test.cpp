@@ -27,9 +27,9 @@ std::vector<FilterInstanceInfo> instances() {
 }  // namespace
 
 TEST(Instances, AreCopiedFromTheRecords) {
-  now = attachedMachine();
-  now.instances = {instanceRecord(L"\\Device\\V3"), instanceRecord(L"\\Device\\V3", true),
-                   instanceRecord(L"\\device\\V3"), instanceRecord(L"\\Device\\V")};
+  world = attachedMachine();
+  world.instances = {instanceRecord(L"\\Device\\V3"), instanceRecord(L"\\Device\\V3", true),
+                     instanceRecord(L"\\device\\V3"), instanceRecord(L"\\Device\\V")};
   std::wostringstream found;
   for (const FilterInstanceInfo& each : findFilterInstances(L"zan_restore_filter")) {
     found << each.isLegacyFilter << each.detachedVolume << ' ' << each.frameId << ' '
@@ -41,7 +41,7 @@ TEST(Instances, AreCopiedFromTheRecords) {
                              L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\device\\V3 \n"
                              L"01 5 2 inst\x4E2D 180000 zan_restore_filter \\Device\\V \n");
   EXPECT_EQ(uses("FindFirstVolumeW"), 3);  // never for a legacy filter
-  EXPECT_TRUE(now.traces.empty());
+  EXPECT_TRUE(world.traces.empty());
 }
 
 TEST(Instances, TextOutsideTheBufferIsEmpty) {
@@ -54,8 +54,8 @@ TEST(Instances, TextOutsideTheBufferIsEmpty) {
   mini.FilterNameLength = 2;  // the last that lies within the buffer
   mini.InstanceNameBufferOffset = 511;
   mini.InstanceNameLength = 2;
-  now = attachedMachine();
-  now.instances = {record, instanceRecord(L"\\Device\\V3")};
+  world = attachedMachine();
+  world.instances = {record, instanceRecord(L"\\Device\\V3")};
   const auto found = instances();
   ASSERT_EQ(found.size(), 2u);
   EXPECT_EQ(found[0].instanceName + found[0].altitude, L"");
@@ -65,19 +65,19 @@ TEST(Instances, TextOutsideTheBufferIsEmpty) {
 }
 
 TEST(Instances, BuffersGrow) {
-  now = attachedMachine();
-  now.instances = {instanceRecord(L"\\Device\\V3", false, 900), instanceRecord(L"\\Device\\V3"),
-                   instanceRecord(L"\\Device\\V3", false, 3000)};
-  now.volumes[0].devices += std::wstring(700, L'x') + L'\0';
+  world = attachedMachine();
+  world.instances = {instanceRecord(L"\\Device\\V3", false, 900), instanceRecord(L"\\Device\\V3"),
+                     instanceRecord(L"\\Device\\V3", false, 3000)};
+  world.volumes[0].devices += std::wstring(700, L'x') + L'\0';
   EXPECT_EQ(instances().size(), 3u);
   std::string sizes;
-  for (const std::string& call : now.calls) {
+  for (const std::string& call : world.calls) {
     if (call.starts_with("FilterInstanceFind") || call.find("11111111") != call.npos) {
       sizes += call.substr(call.rfind(' '));
     }
   }
   EXPECT_EQ(sizes, " 200 400 104 208 410 400 104 208 410 400 800 1000 104 208 410 1000 instances");
-  EXPECT_TRUE(now.traces.empty());
+  EXPECT_TRUE(world.traces.empty());
 }
 
 TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
@@ -85,18 +85,18 @@ TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
   for (const std::wstring& name :
        {zero, L"x" + zero, L"\\\\?\\" + zero, L"\\\\?\\\\" + zero, L"\\\\?\\Volume{}" + zero,
         fileVolume + L'\\' + zero, L"\\\\?\\" + std::wstring(255, L'x') + L'\\'}) {
-    now = attachedMachine();
-    now.volumes = {{name, {L"\\Device\\V3\0\0", 12}}};
+    world = attachedMachine();
+    world.volumes = {{name, {L"\\Device\\V3\0\0", 12}}};
     EXPECT_EQ(instances().at(1).volumeId, L"");
     EXPECT_EQ(uses("QueryDosDeviceW"), 0);
   }
-  now = attachedMachine();
-  now.volumes = {{nameOfVolume(fileVolume), std::wstring(260, L'x')}};
+  world = attachedMachine();
+  world.volumes = {{nameOfVolume(fileVolume), std::wstring(260, L'x')}};
   EXPECT_EQ(instances().at(1).volumeId, L"");
   // A shorter answer without its zero ends where it ends, not in what was there before.
-  now = attachedMachine();
-  now.volumes = {{nameOfVolume(firstVolume), {L"\\Device\\V3xxx\0\0", 15}},
-                 {L"\\\\?\\V\\", L"\\Device\\V3"}};
+  world = attachedMachine();
+  world.volumes = {{nameOfVolume(firstVolume), {L"\\Device\\V3xxx\0\0", 15}},
+                   {L"\\\\?\\V\\", L"\\Device\\V3"}};
   EXPECT_EQ(instances().at(1).volumeId, L"V");
 }
 
@@ -123,10 +123,10 @@ TEST(Instances, FailuresAreTraced) {
       {"QueryDosDeviceW#1", 122, 3, ""},
   };
   for (const auto& [call, code, found, trace] : table) {
-    now = attachedMachine();
-    now.failing = {{call, code}};
+    world = attachedMachine();
+    world.failing = {{call, code}};
     EXPECT_EQ(instances().size(), found);
-    EXPECT_EQ(now.traces, trace.empty() ? lines{} : lines{trace + "\n"});
+    EXPECT_EQ(world.traces, trace.empty() ? lines{} : lines{trace + "\n"});
     EXPECT_EQ(uses("FilterInstanceFindClose"), 1);
   }
 }

@@ -38,23 +38,24 @@ const std::string id = "Volume{abcdefab-3333-3333-3333-333333333333}";
 const std::string port = "\\zan_restore_filter-" + id;
 const std::string volumeIs = "volume is: " + id + "\n";
 const std::string checking = "checking instance for volume: ";
-const std::string second = checking + utf8(secondVolume) + " - \\Device\\V2\n";
-const std::string third = checking + id + " - \\Device\\V3\n";
-const std::string first = checking + utf8(firstVolume) + " - \\Device\\V1\n";
-const std::string sent = volumeIs + second + third + "sending to instance to port: " + port + "\n";
+const std::string checksSecond = checking + utf8(secondVolume) + " - \\Device\\V2\n";
+const std::string checksThird = checking + id + " - \\Device\\V3\n";
+const std::string checksFirst = checking + utf8(firstVolume) + " - \\Device\\V1\n";
+const std::string sent =
+    volumeIs + checksSecond + checksThird + "sending to instance to port: " + port + "\n";
 const std::string noInstance = "no filter instance found for f\n";
 const std::string noVolume = "Cannot determine volume id: path = f\n";
 const std::string query = "03000000000000000000000000000000 10";
 const std::string notSent = "message not sent to port: " + port + "\n";
 
 outcome runOn(const machine& given, const std::wstring& words, const codes& failing = {}) {
-  now = given;
-  now.failing = failing;
+  world = given;
+  world.failing = failing;
   return run(words);
 }
 
 std::string tagOf(const std::wstring& file) {
-  return now.files[file + L":restore_filter_tag:$DATA"];
+  return world.files[file + L":restore_filter_tag:$DATA"];
 }
 
 }  // namespace
@@ -69,7 +70,7 @@ TEST(CommandLine, MalformedPrintsTheUsageAndTouchesNothing) {
     const outcome done = runOn({}, words);
     EXPECT_EQ(done.status, 1);
     EXPECT_EQ(done.output, usage);
-    EXPECT_TRUE(now.calls.empty());
+    EXPECT_TRUE(world.calls.empty());
   }
 }
 
@@ -122,7 +123,7 @@ TEST(Output, IsThePathThatIsStored) {
   machine console;
   console.hasConsole = true;
   EXPECT_EQ(runOn(console, L"f|\xE9\xD83D\xDE00").output, "");
-  EXPECT_EQ(now.console, L"create tag stream: \xE9\xD83D\xDE00\n");
+  EXPECT_EQ(world.console, L"create tag stream: \xE9\xD83D\xDE00\n");
 }
 
 TEST(SetUp, WritesTheRecordByteForByte) {
@@ -147,7 +148,7 @@ TEST(SetUp, TakesPathsUpToTheLimitOfTheRecord) {
       const outcome done = runOn({}, words);
       EXPECT_EQ(done.status, 1);
       EXPECT_EQ(done.output, "");
-      EXPECT_EQ(now.calls, lines{});
+      EXPECT_EQ(world.calls, lines{});
     }
   }
 }
@@ -174,15 +175,15 @@ TEST(SetUp, MakesTheseCallsAndLeavesNothingBehindAFailure) {
     EXPECT_EQ(done.output, output);
     lines expected(calls.begin(), calls.begin() + count);
     if (isDeleted) expected.push_back(calls.back());
-    EXPECT_EQ(now.calls, expected);
+    EXPECT_EQ(world.calls, expected);
   }
 }
 
 TEST(Control, MakesTheseCallsInThisOrder) {
-  machine world = attachedMachine();
-  world.instances.resize(1);
-  world.mountedVolume = nameOfVolume(secondVolume);
-  EXPECT_EQ(runOn(world, L"--ping|f|ignored").status, 0);
+  machine given = attachedMachine();
+  given.instances.resize(1);
+  given.mountedVolume = nameOfVolume(secondVolume);
+  EXPECT_EQ(runOn(given, L"--ping|f|ignored").status, 0);
   const lines expected{"CreateFileW f 80000000 7 3 80",
                        "GetVolumePathNameW f 105",
                        "GetVolumeNameForVolumeMountPointW C:\\ 32",
@@ -199,8 +200,8 @@ TEST(Control, MakesTheseCallsInThisOrder) {
                        "FilterSendMessage port f " + std::string(32, '0') + " 0",
                        "CloseHandle f",
                        "CloseHandle port"};
-  EXPECT_EQ(now.calls, expected);
-  EXPECT_TRUE(now.traces.empty());
+  EXPECT_EQ(world.calls, expected);
+  EXPECT_TRUE(world.traces.empty());
 }
 
 TEST(Control, SendsTheseBytesAndPrintsTheReply) {
@@ -216,10 +217,10 @@ TEST(Control, SendsTheseBytesAndPrintsTheReply) {
        "progress: 0x1000 of 0x8000000000100000\n"},
   };
   for (const auto& [words, message, reply, output] : table) {
-    machine world = attachedMachine();
-    world.reply = reply;
-    EXPECT_EQ(runOn(world, words).output, output);
-    EXPECT_EQ(now.calls.at(now.calls.size() - 3), "FilterSendMessage port f " + message);
+    machine given = attachedMachine();
+    given.reply = reply;
+    EXPECT_EQ(runOn(given, words).output, output);
+    EXPECT_EQ(world.calls.at(world.calls.size() - 3), "FilterSendMessage port f " + message);
   }
 }
 
@@ -229,7 +230,7 @@ TEST(Control, PrintsItsStepsAndItsFailures) {
   const std::wstring upper = L"Volume{ABCDEFAB-3333-3333-3333-333333333333}";
   const std::wstring twice = (L"x Volume " + fileVolume).substr(0, 50);
   const std::wstring late = (L"0123456789" + fileVolume).substr(0, 50);
-  const std::string none = "\n" + second + third + first + noInstance;
+  const std::string none = "\n" + checksSecond + checksThird + checksFirst + noInstance;
   const std::string unresolved = checking + " - \\Device\\V";
   const struct {
     std::string output;  // of a ping
@@ -247,7 +248,7 @@ TEST(Control, PrintsItsStepsAndItsFailures) {
       {"volume is: " + utf8(late.substr(10)) + none, {}, late},
       {"volume is: " + utf8(upper) + none, {}, nameOfVolume(upper)},
       {volumeIs + noInstance, {{"FilterInstanceFindFirst", 0x801F0013}}},
-      {volumeIs + second + noInstance, {{"FilterInstanceFindNext", 0x80070005}}},
+      {volumeIs + checksSecond + noInstance, {{"FilterInstanceFindNext", 0x80070005}}},
       {volumeIs + unresolved + "2\n" + unresolved + "3\n" + unresolved + "1\n" + noInstance,
        {{"FindFirstVolumeW", 5}}},
       {sent + notSent + "<0x80070005>\n", {{"FilterSendMessage", 0x80070005}}},
@@ -264,11 +265,11 @@ TEST(Control, PrintsItsStepsAndItsFailures) {
       "(0x[0-9a-f]+)\\[.*errinfo_api_function_.*\\] = FilterSendMessage\n\n");
   const std::regex step("(volume is|checking instance for|sending to instance).*\n");
   for (const auto& row : table) {
-    machine world = attachedMachine();
-    world.mountedVolume = row.mountedVolume;
+    machine given = attachedMachine();
+    given.mountedVolume = row.mountedVolume;
     const bool isSent = row.output == sent;
     for (const bool isQuery : {false, true}) {
-      const outcome done = runOn(world, isQuery ? L"--progress|f" : L"--ping|f", row.failing);
+      const outcome done = runOn(given, isQuery ? L"--progress|f" : L"--ping|f", row.failing);
       EXPECT_EQ(done.status, isSent ? 0 : 1);
       std::string expected = row.output;
       if (isQuery) {
@@ -277,20 +278,20 @@ TEST(Control, PrintsItsStepsAndItsFailures) {
       }
       EXPECT_EQ(std::regex_replace(done.output, diagnosis, "<$1>\n"), expected);
       EXPECT_EQ(uses(connect), row.output.starts_with(sent) ? 1 : 0);
-      EXPECT_TRUE(row.trace.empty() || now.traces == lines{row.trace});
+      EXPECT_TRUE(row.trace.empty() || world.traces == lines{row.trace});
     }
   }
 }
 
 TEST(Control, ChecksTheRequestBeforeTheFile) {
   const auto print = [](std::uint32_t operation, std::uint32_t kind) {
-    now = attachedMachine();
+    world = attachedMachine();
     std::wstringbuf captured;
     std::wstreambuf* const previous = std::wcout.rdbuf(&captured);
     const RestoreStrategy strategy{RestoreStrategyKind(kind), 0};
     const int status = sendControlRequest(L"f", {ControlOperation(operation), strategy});
     std::wcout.rdbuf(previous);
-    EXPECT_EQ(now.calls.empty(), status == 1);
+    EXPECT_EQ(world.calls.empty(), status == 1);
     return captured.str();
   };
   EXPECT_EQ(print(4, 0), L"Invalid operation\n");

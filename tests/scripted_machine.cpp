@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <boost/algorithm/hex.hpp>
 #include <boost/algorithm/string.hpp>
-#include <boost/interprocess/streams/bufferstream.hpp>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -24,7 +23,7 @@
 
 namespace scripted {
 
-machine now;
+machine world;
 
 namespace {
 
@@ -41,36 +40,31 @@ std::string utf8(const std::wstring& text) {
   return {bytes.begin(), bytes.end()};
 }
 
-outcome run(const std::wstring& arguments, int failing) {
+outcome run(const std::wstring& arguments, int allocation) {
   std::vector<std::wstring> words;
   boost::split(words, L"zan_restore|" + arguments, [](wchar_t unit) { return unit == L'|'; });
   if (arguments.empty()) words.pop_back();
   std::vector<wchar_t*> pointers;
   for (std::wstring& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
-  // What is printed, in buffers that take no memory of the program's.
-  static char printed[1 << 16];
-  static char failures[1 << 10];
-  boost::interprocess::bufferbuf output(printed, sizeof(printed), std::ios::out);
-  boost::interprocess::bufferbuf errors(failures, sizeof(failures), std::ios::out);
+  // What is printed, in buffers that are large enough: they take no memory of the program's.
+  std::stringbuf output(std::string(1 << 16, '\0'), std::ios::out);
+  std::stringbuf errors(std::string(1 << 10, '\0'), std::ios::out);
   std::streambuf* const previous[] = {std::cout.rdbuf(&output), std::cerr.rdbuf(&errors)};
   std::wcout << std::dec;  // as in a new process
   allocations = 0;
-  failingAllocation = failing;
+  failingAllocation = allocation;
   isProgram = true;
   const int status = wmain(int(words.size()), pointers.data());
   isProgram = false;
   std::cout.rdbuf(previous[0]);
   std::cerr.rdbuf(previous[1]);
-  const auto size = [](auto& buffer) {
-    return std::size_t(buffer.pubseekoff(0, std::ios::cur, std::ios::out));
-  };
-  now.errors.assign(failures, size(errors));
-  return {status, {printed, size(output)}};
+  world.errors = errors.view().data();  // up to the first zero
+  return {status, output.view().data()};
 }
 
 std::ptrdiff_t uses(const std::string& call) {
-  return std::count_if(now.calls.begin(), now.calls.end(),
+  return std::count_if(world.calls.begin(), world.calls.end(),
                        [&](const std::string& line) { return line.starts_with(call + ' '); });
 }
 
@@ -129,8 +123,8 @@ std::string shown(std::span<const BYTE> bytes) {
 }
 std::string shown(HANDLE handle) {
   if (handle == INVALID_HANDLE_VALUE) return "invalid";
-  const auto found = now.open.find(handle);
-  return found == now.open.end() ? "?" : utf8(found->second);
+  const auto found = world.open.find(handle);
+  return found == world.open.end() ? "?" : utf8(found->second);
 }
 
 // One call of the program, recorded; `code` is what it fails with, if it does.
@@ -142,10 +136,10 @@ class call : outside_program {
     std::ostringstream line;
     line << name << std::hex;
     ((line << ' ' << shown(arguments)), ...);
-    now.calls.push_back(line.str());
+    world.calls.push_back(line.str());
     for (const auto& key : {name + '#' + std::to_string(uses(name)), name}) {
-      const auto found = now.failing.find(key);
-      if (found == now.failing.end()) continue;
+      const auto found = world.failing.find(key);
+      if (found == world.failing.end()) continue;
       code = found->second;
       SetLastError(found->second);
       return;
@@ -157,7 +151,7 @@ class call : outside_program {
 HANDLE opened(const std::wstring& what) {
   static std::intptr_t next = 0x5A000000;
   const auto handle = reinterpret_cast<HANDLE>(next += 4);
-  now.open[handle] = what;
+  world.open[handle] = what;
   return handle;
 }
 
@@ -172,19 +166,20 @@ DWORD answer(const std::wstring& text, LPWSTR buffer, DWORD size, DWORD code) {
 }
 
 BOOL answerVolume(LPWSTR name, DWORD size) {
-  if (now.nextVolume < now.volumes.size()) {
-    return answer(now.volumes[now.nextVolume++].name, name, size, ERROR_FILENAME_EXCED_RANGE) != 0;
+  if (world.nextVolume < world.volumes.size()) {
+    return answer(world.volumes[world.nextVolume++].name, name, size, ERROR_FILENAME_EXCED_RANGE) !=
+           0;
   }
   SetLastError(ERROR_NO_MORE_FILES);
   return FALSE;
 }
 
 HRESULT answerInstance(LPVOID buffer, DWORD size) {
-  if (now.nextInstance == now.instances.size()) return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
-  const std::string& record = now.instances[now.nextInstance];
+  if (world.nextInstance == world.instances.size()) return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
+  const std::string& record = world.instances[world.nextInstance];
   if (record.size() > size) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
   std::memcpy(buffer, record.data(), record.size());
-  ++now.nextInstance;
+  ++world.nextInstance;
   return S_OK;
 }
 
@@ -218,33 +213,33 @@ KERNEL32(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURIT
          DWORD disposition, DWORD attributes, HANDLE) {
   const call made("CreateFileW", path, access, share, disposition, attributes);
   if (made.code) return INVALID_HANDLE_VALUE;
-  const bool exists = now.files.contains(path);
+  const bool exists = world.files.contains(path);
   if (exists == (disposition == CREATE_NEW)) {
     SetLastError(exists ? ERROR_FILE_EXISTS : ERROR_FILE_NOT_FOUND);
     return INVALID_HANDLE_VALUE;
   }
-  now.files[path];
+  world.files[path];
   return opened(path);
 }
 
 KERNEL32(BOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
          [[maybe_unused]] LPOVERLAPPED overlapped) {
 #ifdef _WIN32
-  if (!now.open.contains(file)) return writeReally(file, data, size, written, overlapped);
+  if (!world.open.contains(file)) return writeReally(file, data, size, written, overlapped);
 #endif
   const call made("WriteFile", file, size);
   *written = made.code == shortWrite ? size - 1 : size;
   if (made.code) return made.code == shortWrite ? TRUE : FALSE;
-  now.files[now.open.at(file)].append(static_cast<const char*>(data), size);
+  world.files[world.open.at(file)].append(static_cast<const char*>(data), size);
   return TRUE;
 }
 
 KERNEL32(BOOL, CloseHandle, HANDLE handle) {
 #ifdef _WIN32
-  if (!now.open.contains(handle)) return TRUE;  // one of the runtime library's own
+  if (!world.open.contains(handle)) return TRUE;  // one of the runtime library's own
 #endif
   const call made("CloseHandle", handle);
-  now.open.erase(handle);
+  world.open.erase(handle);
   return made.code ? FALSE : TRUE;
 }
 
@@ -252,8 +247,8 @@ KERNEL32(BOOL, DeleteFileW, LPCWSTR path) {
   const call made("DeleteFileW", path);
   if (made.code) return FALSE;
   const std::wstring streams = std::wstring(path) + L':';
-  now.files.erase(path);
-  std::erase_if(now.files, [&](const auto& file) { return file.first.starts_with(streams); });
+  world.files.erase(path);
+  std::erase_if(world.files, [&](const auto& file) { return file.first.starts_with(streams); });
   return TRUE;
 }
 
@@ -264,12 +259,12 @@ KERNEL32(BOOL, GetVolumePathNameW, LPCWSTR path, LPWSTR mountPoint, DWORD size) 
 
 KERNEL32(BOOL, GetVolumeNameForVolumeMountPointW, LPCWSTR mountPoint, LPWSTR name, DWORD size) {
   const call made("GetVolumeNameForVolumeMountPointW", mountPoint, size);
-  return !made.code && answer(now.mountedVolume, name, size, ERROR_FILENAME_EXCED_RANGE) != 0;
+  return !made.code && answer(world.mountedVolume, name, size, ERROR_FILENAME_EXCED_RANGE) != 0;
 }
 
 KERNEL32(HANDLE, FindFirstVolumeW, LPWSTR name, DWORD size) {
   const call made("FindFirstVolumeW", size);
-  now.nextVolume = 0;
+  world.nextVolume = 0;
   return made.code || !answerVolume(name, size) ? INVALID_HANDLE_VALUE : opened(L"volumes");
 }
 
@@ -280,14 +275,14 @@ KERNEL32(BOOL, FindNextVolumeW, HANDLE volumes, LPWSTR name, DWORD size) {
 
 KERNEL32(BOOL, FindVolumeClose, HANDLE volumes) {
   const call made("FindVolumeClose", volumes);
-  now.open.erase(volumes);
+  world.open.erase(volumes);
   return made.code ? FALSE : TRUE;
 }
 
 KERNEL32(DWORD, QueryDosDeviceW, LPCWSTR name, LPWSTR devices, DWORD size) {
   const call made("QueryDosDeviceW", name, size);
   if (made.code) return 0;
-  for (const volume& each : now.volumes) {
+  for (const volume& each : world.volumes) {
     if (each.name.find(std::wstring(name) + L'\\') == 4) {
       return answer(each.devices, devices, size, ERROR_INSUFFICIENT_BUFFER);
     }
@@ -298,18 +293,18 @@ KERNEL32(DWORD, QueryDosDeviceW, LPCWSTR name, LPWSTR devices, DWORD size) {
 
 KERNEL32(void, OutputDebugStringW, LPCWSTR text) {
   const outside_program here;
-  now.traces.push_back(utf8(text));
+  world.traces.push_back(utf8(text));
 }
 
 #ifndef _WIN32
 HANDLE WINAPI GetStdHandle(DWORD) { return nullptr; }
 #endif
 
-KERNEL32(BOOL, GetConsoleMode, HANDLE, LPDWORD) { return now.hasConsole ? TRUE : FALSE; }
+KERNEL32(BOOL, GetConsoleMode, HANDLE, LPDWORD) { return world.hasConsole ? TRUE : FALSE; }
 
 KERNEL32(BOOL, WriteConsoleW, HANDLE, const void* units, DWORD count, LPDWORD written, LPVOID) {
   const outside_program here;
-  now.console.append(static_cast<const wchar_t*>(units), count);
+  world.console.append(static_cast<const wchar_t*>(units), count);
   *written = count;
   return TRUE;
 }
@@ -330,7 +325,7 @@ HRESULT WINAPI FilterInstanceFindNext(HANDLE search, INSTANCE_INFORMATION_CLASS 
 
 HRESULT WINAPI FilterInstanceFindClose(HANDLE search) {
   const call made("FilterInstanceFindClose", search);
-  now.open.erase(search);
+  world.open.erase(search);
   return HRESULT(made.code.value_or(S_OK));
 }
 
@@ -353,9 +348,9 @@ HRESULT WINAPI FilterSendMessage(HANDLE port, LPVOID input, DWORD inputSize, LPV
                   outputSize);
   if (made.code) return HRESULT(*made.code);
   if (port == INVALID_HANDLE_VALUE) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
-  ++now.delivered;
-  *returned = DWORD(now.reply.size());
-  if (!now.reply.empty()) std::memcpy(output, now.reply.data(), now.reply.size());
+  ++world.delivered;
+  *returned = DWORD(world.reply.size());
+  if (!world.reply.empty()) std::memcpy(output, world.reply.data(), world.reply.size());
   return S_OK;
 }
 }

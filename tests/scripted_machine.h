@@ -44,8 +44,8 @@ struct machine {
   std::size_t nextVolume = 0;
 };
 
-/// The one machine; a test starts with `now = {}` or `now = attachedMachine()`.
-extern machine now;
+/// The one machine; a test starts with `world = {}` or `world = attachedMachine()`.
+extern machine world;
 
 /// How often the program has called this function.
 std::ptrdiff_t uses(const std::string& call);
@@ -71,7 +71,7 @@ struct outcome {
 
 /// Runs the program's entry with these arguments after its name, joined by "|". The allocation
 /// of this index (from 1) fails; 0: none does.
-outcome run(const std::wstring& arguments, int failing = 0);
+outcome run(const std::wstring& arguments, int allocation = 0);
 
 /// The allocations that the program has made in this run, and the one that fails; counted and
 /// failed only while isProgram is true.

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "platform/posix/descriptor.h"
-#include "platform/posix/host_path.h"
+#include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
 
 namespace {
@@ -25,7 +25,7 @@ char createdStream[PATH_MAX];
 
 // Drops the type from a stream's name, FILE:STREAM:$DATA. False when the name has a
 // type but no stream, or a stream of a stream: no file is named so.
-bool dropStreamType(host_path& path) {
+bool dropStreamType(host_string& path) {
   std::string_view name(path.bytes, path.size);
   name.remove_prefix(name.rfind('/') + 1);
   if (name.ends_with(defaultStreamType)) {
@@ -37,7 +37,7 @@ bool dropStreamType(host_path& path) {
   return name.find(":$DATA:") == name.npos;
 }
 
-bool folderExists(host_path& path) {
+bool folderExists(host_string& path) {
   char* slash = std::strrchr(path.bytes, '/');
   if (slash == nullptr) return path.size > 0;
   slash[slash == path.bytes ? 1 : 0] = '\0';
@@ -45,7 +45,7 @@ bool folderExists(host_path& path) {
   return stat(path.bytes, &folder) == 0 && S_ISDIR(folder.st_mode);
 }
 
-HANDLE openFailed(int error, host_path& path) {
+HANDLE openFailed(int error, host_string& path) {
   const bool lacksFolder = error == ENOENT && !folderExists(path);
   SetLastError(lacksFolder ? ERROR_PATH_NOT_FOUND : windowsErrorFor(error));
   return INVALID_HANDLE_VALUE;
@@ -55,7 +55,7 @@ HANDLE openFailed(int error, host_path& path) {
 
 HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWORD disposition,
                    DWORD attributes, HANDLE) {
-  host_path host(path);
+  host_string host(path);
   if (!host.fits) return openFailed(ENAMETOOLONG, host);
   const std::size_t givenSize = host.size;
   if (!dropStreamType(host)) return openFailed(EINVAL, host);
@@ -94,9 +94,7 @@ BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAP
   return TRUE;
 }
 
-BOOL CloseHandle(HANDLE handle) {
-  return close(descriptorOf(handle)) == 0 || failsWithErrno();
-}
+BOOL CloseHandle(HANDLE handle) { return close(descriptorOf(handle)) == 0 || failsWithErrno(); }
 
 BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD) {
   int ends[2];
@@ -107,7 +105,7 @@ BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD
 }
 
 BOOL DeleteFileW(LPCWSTR path) {
-  host_path host(path);
+  host_string host(path);
   dropStreamType(host);
   const std::string_view stream(createdStream);
   const std::string_view name(host.bytes, host.size);

@@ -19,7 +19,7 @@
 
 #include "platform/posix/abstract_socket.h"
 #include "platform/posix/descriptor.h"
-#include "platform/posix/host_path.h"
+#include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
 #include "platform/posix/utf16.h"
@@ -115,7 +115,7 @@ HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, 
                                 DWORD size, LPDWORD returned, LPHANDLE search) {
   try {
     auto found = std::make_unique<instance_search>();
-    found->filterName = host_path(filterName).bytes;
+    found->filterName = host_string(filterName).bytes;
     std::string sockets;
     if (!readProcFile("/proc/net/unix", sockets)) return hostFailure();
     found->devices = listeningDevices(sockets, found->filterName);
@@ -147,7 +147,7 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR portName, DWORD, LPCVOID context,
                                        LPSECURITY_ATTRIBUTES, HANDLE* port) {
   descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!connection.isOpen()) return hostFailure();
-  const abstract_address address(host_path(portName).bytes);
+  const abstract_address address(host_string(portName).bytes);
   if (connect(connection.get(), address.get(), address.size()) != 0) {
     const bool isAbsent = errno == ECONNREFUSED || errno == ENOENT;
     return isAbsent ? failure(ERROR_FILE_NOT_FOUND) : hostFailure();

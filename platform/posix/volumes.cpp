@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/host_path.h"
+#include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
 #include "platform/posix/utf16.h"
@@ -59,7 +59,7 @@ auto guarded(Call call) -> decltype(call()) {
 }
 
 std::optional<mount_entry> mountOf(LPCWSTR path) {
-  std::optional<mount_entry> mount = findMountOf(host_path(path).bytes);
+  std::optional<mount_entry> mount = findMountOf(host_string(path).bytes);
   if (!mount) failsWithErrno();
   return mount;
 }
@@ -115,7 +115,7 @@ BOOL FindVolumeClose(HANDLE volumes) {
 
 DWORD QueryDosDeviceW(LPCWSTR name, LPWSTR devices, DWORD size) {
   return guarded([&]() -> DWORD {
-    const host_path id(name);
+    const host_string id(name);
     const std::optional<dev_t> device = deviceOfVolumeId({id.bytes, id.size});
     if (!device) return failsWith(ERROR_FILE_NOT_FOUND);
     // A list of names: each ends in a zero, the list in another.
