@@ -108,7 +108,6 @@ TEST(Output, IsThePathThatIsStored) {
   const std::pair<std::wstring, std::string> table[] = {
       {L"c:\\dir\\foo.txt", "\\??\\c:\\dir\\foo.txt"},
       {L"c:foo/.\\..\\", "\\??\\c:foo/.\\..\\"},
-      {L"1:\\a:b", "\\??\\1:\\a:b"},
       {L"\\:x", "\\??\\\\:x"},
       {L"\\\\server\\share\\foo.txt", "\\Device\\Mup\\server\\share\\foo.txt"},
       {L"\\\\", "\\Device\\Mup\\"},
