@@ -232,17 +232,15 @@ class trial {
     const file_handle port(connect());
     file_handle opened(openFile(file));
     const HANDLE handle = what.handle == INVALID_HANDLE_VALUE ? opened.get() : what.handle;
-    ControlMessage message{
-        reinterpret_cast<std::uintptr_t>(handle), {what.operation, {}}, what.unused};
-    message.request.strategy = {static_cast<RestoreStrategyKind>(what.unused),
-                                static_cast<std::int32_t>(what.unused)};
+    const bool isStart = what.operation == StartAggressiveRestore;
+    const RestoreStrategy strategy{RestoreStrategyKind(isStart ? 1 : what.unused),
+                                   isStart ? what.n : static_cast<std::int32_t>(what.unused)};
+    const ControlMessage message{
+        reinterpret_cast<std::uintptr_t>(handle), {what.operation, strategy}, what.unused};
     const auto code = static_cast<std::uint32_t>(what.operation);
-    if (what.operation == StartAggressiveRestore)
-      message.request.strategy = {RestoreStrategyKind::simple, what.n};
     log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
-                  file.filename().string() +
-                  ", n = " + std::to_string(message.request.strategy.concurrentReads) + ", " +
-                  std::to_string(what.size) + " bytes: ");
+                  file.filename().string() + ", n = " + std::to_string(strategy.concurrentReads) +
+                  ", " + std::to_string(what.size) + " bytes: ");
     std::string bytes(std::max(what.size, sizeof(message)), '\0');
     std::memcpy(bytes.data(), &message, sizeof(message));
     bytes.resize(what.size);
