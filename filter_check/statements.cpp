@@ -42,8 +42,8 @@ void restoreAtOnce(trial& t, std::int64_t count) {
 // The tag of a small file with the bits of a 16-bit value flipped at an offset.
 std::string changedTag(const trial& t, const row& change) {
   std::string tag = t.tagOf(5000);
-  tag[change.offset] ^= static_cast<char>(change.value);
-  tag[change.offset + 1] ^= static_cast<char>(change.value >> 8);
+  tag[change.offset] = static_cast<char>(tag[change.offset] ^ change.value);
+  tag[change.offset + 1] = static_cast<char>(tag[change.offset + 1] ^ change.value >> 8);
   return tag;
 }
 

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <utility>
 
 #include "platform/posix/descriptor.h"
 
@@ -84,8 +83,8 @@ std::optional<mount_entry> findMountOf(const char* path) {
     return std::nullopt;
   }
   const bool isKnown = (file.stx_mask & STATX_MNT_ID) != 0;  // Linux 5.8 or later
-  for (mount_entry& mount : mounts) {
-    if (isKnown && mount.id == file.stx_mnt_id) return std::move(mount);
+  for (const mount_entry& mount : mounts) {
+    if (isKnown && mount.id == file.stx_mnt_id) return mount;
   }
   errno = ENOENT;
   return std::nullopt;
