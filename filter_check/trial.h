@@ -86,10 +86,12 @@ inline void write(const fs::path& file, const std::string& content) {
 }
 
 inline void writeTag(const fs::path& file, const std::string& tag) {
+  // A new one is created as the tool does it: on Linux nobody else can write it then.
+  const std::wstring stream = zan::widePath(file) + RESTORE_TAG_STREAM;
+  file_handle created(CreateFileW(stream.c_str(), GENERIC_ALL, 0, nullptr, CREATE_NEW,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+  created.close();
   write(tagOn(file), tag);
-  // Where a tag is a file, a filter may refuse one that others can write, whatever the umask.
-  std::error_code error;
-  fs::permissions(tagOn(file), fs::perms(0022), fs::perm_options::remove, error);
 }
 
 inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
