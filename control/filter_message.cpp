@@ -59,7 +59,8 @@ int sendToFilter(const std::wstring& path, const ControlRequest& request, Progre
   port.emplace(portName);
   try {
     if (isPrinting) std::wcout << L"sending to instance to port: " << portName << std::endl;
-    port->sendMessage(&message, sizeof(message), reply, reply == nullptr ? 0 : sizeof(*reply));
+    port->sendMessage(&message, sizeof(message), reply,
+                      reply == nullptr ? 0 : DWORD{sizeof(*reply)});
   } catch (zan::except::result_exception& failure) {
     std::wcout << L"message not sent to port: " << portName << std::endl;
     std::cout << boost::diagnostic_information(failure) << std::endl;

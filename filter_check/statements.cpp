@@ -306,7 +306,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   add("a tag that is replaced counts", [](auto& t) {
     const fs::path file = t.newFile(5000);
     t.send(file, {QueryProgress});
-    writeTag(file, t.tagOf(4097));
+    writeTag(file, t.tagOf(4097), OPEN_EXISTING);
     t.restore(file, 4097);
   });
   addPing();

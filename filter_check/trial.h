@@ -18,6 +18,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -85,13 +86,14 @@ inline void write(const fs::path& file, const std::string& content) {
   if (!(std::ofstream(file, std::ios::binary) << content).flush()) failWith("cannot write", file);
 }
 
-inline void writeTag(const fs::path& file, const std::string& tag) {
-  // A new one is created as the tool does it: on Linux nobody else can write it then.
-  const std::wstring stream = zan::widePath(file) + RESTORE_TAG_STREAM;
-  file_handle created(CreateFileW(stream.c_str(), GENERIC_ALL, 0, nullptr, CREATE_NEW,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr));
-  created.close();
-  write(tagOn(file), tag);
+/// As the tool does it: unshared, and in one write.
+inline void writeTag(const fs::path& file, const std::string& tag, DWORD disposition = CREATE_NEW) {
+  const std::wstring name = zan::widePath(file) + RESTORE_TAG_STREAM;
+  const file_handle stream(CreateFileW(name.c_str(), GENERIC_ALL, 0, nullptr, disposition,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+  DWORD written = 0;
+  WriteFile(stream.get(), tag.data(), static_cast<DWORD>(tag.size()), &written, nullptr);
+  if (!stream.isOpen() || written != tag.size()) failWith("cannot write the tag of", file);
 }
 
 inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {

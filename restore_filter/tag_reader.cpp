@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 
 #include "platform/posix/descriptor.h"
@@ -20,9 +21,7 @@ const HRESULT notWhole = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
-}  // namespace
-
-HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
+HRESULT readRecord(const void* bytes, std::size_t size, std::string& backingPath) {
   static const std::uint8_t guid[] = RESTORE_TAG_GUID;
   RestoreTagRecord record;
   if (size != sizeof(record)) return notWhole;
@@ -39,6 +38,8 @@ HRESULT readTag(const void* bytes, std::size_t size, std::string& backingPath) {
   backingPath.resize(encodeUtf8(path.data(), units, backingPath.data(), backingPath.size()));
   return S_OK;
 }
+
+}  // namespace
 
 HRESULT readTagOf(int file, std::string& backingPath) {
   struct stat local {};
@@ -63,5 +64,5 @@ HRESULT readTagOf(int file, std::string& backingPath) {
   std::string content(sizeof(RestoreTagRecord) + 1, '\0');
   const ssize_t size = read(stream.get(), content.data(), content.size());
   if (size < 0) return hostFailure();
-  return readTag(content.data(), static_cast<std::size_t>(size), backingPath);
+  return readRecord(content.data(), static_cast<std::size_t>(size), backingPath);
 }

@@ -15,7 +15,6 @@
 #include <optional>
 #include <span>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 #include "app/wmain.h"

@@ -4,7 +4,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cwchar>
 #include <memory>
