@@ -41,7 +41,6 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
   std::string line = std::to_string(number) + " - " + tried.text;
   if (const std::size_t at = line.find("{}"); at != line.npos) line.replace(at, 2, row.text);
   t.clear();
-  std::string asked;
   try {
     tried.check(t, row);
     if (!t.choice.empty()) line += " # choice: " + t.choice;
@@ -51,15 +50,14 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
     std::cout << "ok " << line << " # SKIP " << why.reason << std::endl;
     return outcome::untried;
   } catch (const violation& failed) {
-    asked = failed.asked;
+    std::cout << "not ok " << line << '\n';
+    const auto shown = std::min<std::ptrdiff_t>(std::ssize(t.log), 10);
+    for (auto each = t.log.end() - shown; each != t.log.end(); ++each) {
+      std::cout << "#   " << *each << '\n';
+    }
+    std::cout << "#   the contract asks for " << failed.asked << std::endl;
+    return outcome::fails;
   }
-  std::cout << "not ok " << line << '\n';
-  for (std::size_t i = t.log.size() - std::min<std::size_t>(t.log.size(), 10); i < t.log.size();
-       ++i) {
-    std::cout << "#   " << t.log[i] << '\n';
-  }
-  std::cout << "#   the contract asks for " << asked << std::endl;
-  return outcome::fails;
 }
 
 int checkAll(trial& t, const std::vector<statement>& statements) {
