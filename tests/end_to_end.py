@@ -189,8 +189,6 @@ class SetUp(story):
         self.assertEqual((len(record), record[36:44]), (16376, "\\??\\".encode("utf-16-le")))
         self.check("create local file failed: 50", os.path.join("back", "data"), "c:\\x")
         self.assertEqual(Path("back/data").read_bytes(), self.content)
-        with self.assertRaises(FileNotFoundError):
-            self.record("back/data")
         self.check("create local file failed: 3", os.path.join("nodir", "f"), "c:\\x")
         if EMULATOR:  # f:restore_filter_tag begins with a drive, and the stream can't be made
             self.check("create tag stream failed: 2", "f", "c:\\x")
@@ -633,7 +631,9 @@ class WithPowerShell(story):
 if __name__ == "__main__":
     if IS_ROOT:  # a network name space of its own: no port of another stand-in is in the way
         ctypes.CDLL(None).unshare(0x40000000)
-    stories = ["SetUpOnLinux", "WithRestoreFilter", "WithPeer", "WithPowerShell", *["WithFailingCalls"] * (not GIVEN.sanitized)]
+    stories = ["SetUpOnLinux", "WithRestoreFilter", "WithPeer", "WithPowerShell", "WithFailingCalls"]
     if IS_WINDOWS:
         stories = ["SetUp", "ControlUnderWine"][: 1 + bool(EMULATOR)]
+    elif GIVEN.sanitized:
+        stories.pop()  # what is traced has no leak sanitizer
     unittest.main(argv=[sys.argv[0], *stories], verbosity=2, warnings="ignore")
