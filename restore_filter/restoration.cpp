@@ -194,14 +194,11 @@ HRESULT restoration::readOn(piece& chunk, bool& isLast) const {
   return S_OK;
 }
 
-// Writes the bytes `from` to `to` of the piece, unless it has been stopped.
+// Writes the bytes `from` to `to` of the piece, unless it has been stopped. A hole only makes
+// the file longer.
 HRESULT restoration::write(const piece& chunk, std::size_t from, std::size_t to) {
   const std::lock_guard lock(writing);
-  return isStopped() ? S_OK : append(chunk, from, to);
-}
-
-// A hole only makes the file longer.
-HRESULT restoration::append(const piece& chunk, std::size_t from, std::size_t to) const {
+  if (isStopped()) return S_OK;
   struct stat status {};
   if (fstat(local.get(), &status) != 0) return hostFailure();
   if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);

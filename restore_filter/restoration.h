@@ -63,7 +63,6 @@ class restoration : public std::enable_shared_from_this<restoration> {
   piece read(piece chunk) const;
   HRESULT readOn(piece& chunk, bool& isLast) const;
   HRESULT write(const piece& chunk, std::size_t from, std::size_t to);
-  HRESULT append(const piece& chunk, std::size_t from, std::size_t to) const;
   HRESULT writeLast(const piece& chunk);
   HRESULT bringToDisk();
   HRESULT cutLost();
