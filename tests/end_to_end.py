@@ -272,11 +272,10 @@ class ControlUnderWine(story):
         return status, re.sub(r"fsfilter.*\n.*\n.*\n(0x\w+)\[.*\n\n", r"<\1>\n", output)
 
     def test_tool(self):
-        volume = "volume is: %s\n" % self.VOLUME
         finding = "FindFirst zan_restore_filter 3\nFindNext\nFindClose\n"
-        checking = "checking instance for volume: %s - \\Device\\HarddiskVolume1\n" % self.VOLUME
         connecting = "Connect %s 0 %s\n" % (self.PORT, bytes(40).hex())
-        steps = volume + finding + checking + connecting + "sending to instance to port: %s\n" % self.PORT
+        steps = ("volume is: %s\n%schecking instance for volume: %s - \\Device\\HarddiskVolume1\n%ssending to instance to "
+                 "port: %s\n" % (self.VOLUME, finding, self.VOLUME, connecting, self.PORT))
         for words, expected, settings in (
                 (["--startAggressiveRestore", "4"], (0, steps + "Send 3 01000000010000000400000000000000 0\n"), {}),
                 (["--progress"], (0, finding + connecting + "Send 3 03000000000000000000000000000000 16\n"
@@ -289,7 +288,8 @@ class ControlUnderWine(story):
     def test_check(self):
         for settings, ending in (
                 ({"FLTLIB_FIND": "801f0013"}, r"Bail out! no instance of zan_restore_filter on the volume\n.*\n"),
-                ({"FLTLIB_SEND": "80070057"}, r"# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
+                ({"FLTLIB_SEND": "80070057"}, r"#   ping of file1, n = 0, 24 bytes: 0x80070057\n#   the contract asks for "
+                 r"0x00000000\n(.*\n)*# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
             status, output = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
             self.assertEqual(status, 1, output[-500:])
             self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
