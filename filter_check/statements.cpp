@@ -224,7 +224,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     const auto operation = static_cast<ControlOperation>(r.value);
     t.choice = hex(t.send(t.newFile(), {.operation = operation, .handle = open.get()}).result);
   });
-  addEach("a backing file that is {} restores nothing", {{"missing", 0}, {"folder", 1}},
+  addEach("a backing file that is {} restores nothing", {{"missing", 0}, {"a folder", 1}},
           [](auto& t, auto& r) {
             expectFailure(t, t.newFile(tagFor(t.prefix + (r.value == 0 ? L"missing" : L"folder"))));
           });
