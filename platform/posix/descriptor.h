@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-// A HANDLE is the number of a descriptor.
+// The HANDLE of a file, a pipe or a port is the number of a descriptor.
 inline HANDLE handleOf(int number) {
   return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(number));
 }

@@ -34,8 +34,6 @@ struct instance_search {
   std::size_t next = 0;
 };
 
-HRESULT failure(DWORD code) { return HRESULT_FROM_WIN32(code); }
-
 // A line of /proc/net/unix: "Num: RefCount Protocol Flags Type St Inode Path". A
 // listening socket has the flag 0x10000, SOCK_SEQPACKET is type 5, and '@' stands
 // for the zero that begins an abstract name.
@@ -78,9 +76,9 @@ std::vector<BYTE> recordFor(const std::string& filterName, dev_t device) {
 }
 
 HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD returned) {
-  if (search.next == search.devices.size()) return failure(ERROR_NO_MORE_ITEMS);
+  if (search.next == search.devices.size()) return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
   const std::vector<BYTE> record = recordFor(search.filterName, search.devices[search.next]);
-  if (record.size() > size) return failure(ERROR_INSUFFICIENT_BUFFER);
+  if (record.size() > size) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
   std::memcpy(buffer, record.data(), record.size());
   *returned = static_cast<DWORD>(record.size());
   ++search.next;
@@ -150,13 +148,13 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR portName, DWORD, LPCVOID context,
   const abstract_address address(host_string(portName).bytes);
   if (connect(connection.get(), address.get(), address.size()) != 0) {
     const bool isAbsent = errno == ECONNREFUSED || errno == ENOENT;
-    return isAbsent ? failure(ERROR_FILE_NOT_FOUND) : hostFailure();
+    return isAbsent ? HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) : hostFailure();
   }
-  if (!isTrusted(connection.get())) return failure(ERROR_ACCESS_DENIED);
+  if (!isTrusted(connection.get())) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   HRESULT result = S_OK;
   const iovec packet{const_cast<LPVOID>(context), contextSize};
   if (exchange(connection.get(), {{packet, {}}}, result, {}) < 0) {
-    return failure(ERROR_INVALID_HANDLE);
+    return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
   }
   if (result >= 0) *port = handleOf(connection.release());
   return result;
@@ -168,7 +166,7 @@ HRESULT FilterSendMessage(HANDLE port, LPVOID input, DWORD inputSize, LPVOID out
   const ssize_t size =
       exchange(descriptorOf(port), {{{&outputSize, sizeof(outputSize)}, {input, inputSize}}},
                result, {output, outputSize});
-  if (size < 0) return failure(ERROR_INVALID_HANDLE);
+  if (size < 0) return HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
   *returned = static_cast<DWORD>(size);
   return result;
 }
