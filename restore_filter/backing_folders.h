@@ -28,8 +28,7 @@ class backing_folders {
   std::vector<folder> folders;
 };
 
-/// Reopens what `path` names with the open(2) `flags`, if it is a regular file;
-/// nothing else is ever opened, so nothing blocks or has side effects. S_OK or an
-/// HRESULT that says why not: ERROR_ACCESS_DENIED for a folder, E_INVALIDARG for a pipe,
-/// a device and the like.
+/// Reopens a regular file, O_PATH in `path`, with the open(2) `flags`. Nothing else is opened, so
+/// nothing blocks or has side effects. S_OK, or as an HRESULT ERROR_ACCESS_DENIED for a folder,
+/// E_INVALIDARG for a pipe, a device and the like, or why else not.
 HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file);

@@ -51,7 +51,7 @@ descriptor stopSignals() {
   return descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-// A restoration takes two descriptors; the usual soft limit would be used up by 500 files.
+// A restoration takes three descriptors; the usual soft limit would be used up by 300 files.
 void raiseDescriptorLimit() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -71,8 +71,7 @@ int main(int argc, char** argv) try {
       volumes.push_back(argv[i]);
       continue;
     }
-    if (++i == argc) return usage();
-    const char* const equals = std::strchr(argv[i], '=');
+    const char* const equals = ++i == argc ? nullptr : std::strchr(argv[i], '=');
     if (equals == nullptr) return usage();
     const std::string_view name(argv[i], static_cast<std::size_t>(equals - argv[i]));
     const std::string prefix = ntPrefix(word, name);

@@ -7,47 +7,35 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <new>
+#include <iterator>
 #include <system_error>
 
 #include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
-#include "restore_filter/tag_reader.h"
 
 namespace {
 
-// A thread and a buffer each; a larger n is served as this many.
-constexpr int mostReads = 64;
-// Descriptors that restorations leave to connections and to the handling of a message.
-constexpr int reservedDescriptors = 12;
+constexpr int mostReads = 64;  // a larger n is served as this many
+// Descriptors that restorations leave to others before they open the local file and its record.
+constexpr int reservedDescriptors = 13;
 
-// Takes an own reference to the file that the sender's handle stands for.
+const HRESULT busy = HRESULT_FROM_WIN32(ERROR_BUSY);
+
+// Takes its own reference to the file that the sender's handle stands for.
 HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   if (handle > INT_MAX) return E_INVALIDARG;
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
   path = descriptor(open(link.c_str(), O_PATH | O_CLOEXEC));
-  if (!path.isOpen()) {
-    return errno == ENOENT ? E_INVALIDARG : hostFailure();
-  }
-  return S_OK;
-}
-
-// How much the local file has of what the backing file has now.
-HRESULT sizesOf(const descriptor& local, const descriptor& backing, ProgressInfo& sizes) {
-  struct stat localStatus {};
-  struct stat backingStatus {};
-  if (fstat(local.get(), &localStatus) != 0 || fstat(backing.get(), &backingStatus) != 0) {
-    return hostFailure();
-  }
-  sizes = {static_cast<std::uint64_t>(localStatus.st_size),
-           static_cast<std::uint64_t>(backingStatus.st_size)};
-  return S_OK;
+  if (path.isOpen()) return S_OK;
+  return errno == ENOENT ? E_INVALIDARG : hostFailure();
 }
 
 }  // namespace
 
 message_handler::~message_handler() {
-  for (const auto& each : restorations) each.second->stop();
+  for (const auto& each : jobs) {
+    if (each.second.work) each.second.work->stop();
+  }
 }
 
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
@@ -59,138 +47,132 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   const ControlRequest& request = received.request;
   if (request.operation > ControlOperation::QueryProgress) return E_INVALIDARG;
 
-  descriptor path;
-  descriptor file;
-  HRESULT result = takeFile(sender, received.fileHandle, path);
-  if (result == S_OK) result = openRegularFile(path, O_RDONLY, file);
+  target local;
+  HRESULT result = takeFile(sender, received.fileHandle, local.path);
+  if (result == S_OK) result = openRegularFile(local.path, O_RDONLY, local.file);
   if (result != S_OK) return result;
-  const auto volume = findMountOf(procPathOf(file.get()).c_str());
+  const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
   // A mount that isn't in the table is one of another mount name space.
   if (!volume && errno != ENOENT) return hostFailure();
   if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
 
-  file_key key;
-  result = keyOf(file.get(), key);
-  if (result != S_OK) return result;
   forgetEnded();
-  if (request.operation == ControlOperation::StopAggressiveRestore) return stop(key, file);
-
-  std::string backingPath;
-  result = readTagOf(file.get(), backingPath);
+  result = keyOf(local.file, local.key);
   if (result != S_OK) return result;
-
-  if (request.operation == ControlOperation::StartAggressiveRestore) {
-    result = openRegularFile(path, O_RDWR, file);
-    return result != S_OK ? result : start(key, std::move(file), backingPath, request.strategy);
+  const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
+  const auto known = jobs.find(local.key);
+  if (isStop && known != jobs.end() && known->second.work) {  // whatever became of its tag
+    known->second.work->stop();
+    return S_OK;
   }
-  result = queryProgress(key, file, backingPath, reply);
+  result = readTagOf(local.file, local.backingPath);
+  if (result == S_OK && isStop) jobs.erase(local.key);
+  if (result != S_OK || isStop) return result;
+  if (request.operation == ControlOperation::StartAggressiveRestore) {
+    return start(local, request.strategy);
+  }
+  result = queryProgress(local, reply);
   if (result == S_OK) replySize = sizeof(reply);
   return result;
 }
 
-HRESULT message_handler::keyOf(int file, file_key& key) {
+HRESULT message_handler::keyOf(const descriptor& file, file_key& key) {
   struct statx status {};
-  if (statx(file, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) return hostFailure();
-  key = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino,
-         status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
+  if (statx(file.get(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
+    return hostFailure();
+  }
+  key = {makedev(status.stx_dev_major, status.stx_dev_minor),
+         {status.stx_ino, static_cast<std::uint64_t>(status.stx_btime.tv_sec),
+          status.stx_btime.tv_nsec}};
   return S_OK;
 }
 
-HRESULT message_handler::start(file_key key, descriptor file, const std::string& backingPath,
-                               const RestoreStrategy& how) {
-  if (how.kind != RestoreStrategyKind::simple || how.concurrentReads < 1) return E_INVALIDARG;
+HRESULT message_handler::find(const target& local, state& found) const {
+  struct stat status {};
+  if (fstat(local.file.get(), &status) != 0) return hostFailure();
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  HRESULT result = S_OK;
+  if (size > 0) result = found.record.read(local.file);
+  // Nothing says where its content is from.
+  if (result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+  const std::uint64_t restored = found.record.restored();
+  found.progress = {restored, restored};
+  if (result != S_OK || found.record.isWhole()) return result;
+
   descriptor backing;
-  const HRESULT opened = backingFolders.openFile(backingPath, backing);
-  if (opened != S_OK) return opened;
-
-  file_key backingKey;
-  ProgressInfo sizes{};
-  HRESULT result = keyOf(backing.get(), backingKey);
-  if (result == S_OK) result = sizesOf(file, backing, sizes);
+  result = backingFolders.openFile(local.backingPath, backing);
+  if (result == S_OK) result = keyOf(backing, found.backingKey);
   if (result != S_OK) return result;
-  if (backingKey == key) return E_INVALIDARG;  // it would be restored from itself
-  if (!leavesFree(backing, reservedDescriptors)) {
-    return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
-  }
-
-  const auto running = restorations.find(key);
-  std::shared_ptr<restoration> earlier;
-  if (running != restorations.end()) {
-    earlier = running->second;
-    if (!earlier->isStopped())
-      return earlier->isFinishing() ? S_OK : HRESULT_FROM_WIN32(ERROR_BUSY);
-  }
-  const auto failure = failures.find(key);
-  const restore_failure failed = failure == failures.end() ? restore_failure{} : failure->second;
-  const std::uint64_t restored = restoredSize(file.get(), backing.get());
-  const bool isWhole = sizes.progress == sizes.total && restored == sizes.total;
-  if (!isWhole || earlier || failed.lostFrom < sizes.progress) {
-    auto next = std::make_shared<restoration>(std::move(file), std::move(backing), restored,
-                                              std::move(earlier), failed);
-    const auto [slot, isNew] = restorations.try_emplace(key);
-    try {
-      next->start(std::min(how.concurrentReads, mostReads));
-    } catch (const std::system_error&) {  // no more threads
-      if (isNew) restorations.erase(slot);
-      return E_OUTOFMEMORY;
-    }
-    slot->second = std::move(next);
-  }
-  if (failure != failures.end()) failures.erase(failure);
+  if (found.backingKey == local.key) return E_INVALIDARG;  // it would be restored from itself
+  if (fstat(backing.get(), &status) != 0) return hostFailure();
+  const auto total = static_cast<std::uint64_t>(status.st_size);
+  if (size < restored || total < size) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
+  found.progress = {1, 1};  // for an empty file: 0 of 0 would be taken for no answer
+  if (total == 0) return S_OK;
+  found.progress = {std::min(restored, total - 1), total};
+  found.backing = std::move(backing);
   return S_OK;
 }
 
-HRESULT message_handler::stop(file_key key, const descriptor& file) {
-  const auto running = restorations.find(key);
-  if (running != restorations.end()) {  // whatever became of its tag
-    running->second->stop();
+HRESULT message_handler::start(const target& local, const RestoreStrategy& how) {
+  if (how.kind != RestoreStrategyKind::simple || how.concurrentReads < 1) return E_INVALIDARG;
+  const int reads = std::min(how.concurrentReads, mostReads);
+  const job earlier = jobs.contains(local.key) ? jobs[local.key] : job{};
+  const bool isSamePath = earlier.backingPath == local.backingPath;
+  if (earlier.work && (earlier.work->isRunning() || !isSamePath)) return busy;
+
+  state found{progress_record(local.key.second, local.backingPath)};
+  HRESULT result = find(local, found);
+  if (result != S_OK) return result;
+  if (!found.backing.isOpen()) {
+    jobs.erase(local.key);
     return S_OK;
   }
-  std::string unused;
-  const HRESULT tagged = readTagOf(file.get(), unused);
-  if (tagged != S_OK) return tagged;
-  const auto failure = failures.find(key);
-  const bool isForgotten =
-      failure != failures.end() && failure->second.lostFrom == restore_failure::nowhere;
-  if (isForgotten) failures.erase(failure);
+  if (earlier.work) {  // it is stopped
+    if (earlier.backingKey == found.backingKey && earlier.work->wake(reads)) return S_OK;
+    if (!earlier.work->hasEnded()) return busy;
+    jobs.erase(local.key);
+    return start(local, how);  // it ended a moment ago: its record has changed
+  }
+  if (!leavesFree(found.backing, reservedDescriptors)) {
+    return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
+  }
+  descriptor writable;
+  result = openRegularFile(local.path, O_RDWR, writable);
+  if (result == S_OK) result = found.record.open(writable);
+  if (result != S_OK) return result;
+  auto work = std::make_shared<restoration>(std::move(writable), std::move(found.backing),
+                                            std::move(found.record));
+  jobs[local.key] = {work, local.backingPath, found.backingKey, S_OK};
+  try {
+    work->start(reads);
+  } catch (const std::system_error&) {  // no more threads
+    jobs.erase(local.key);
+    return E_OUTOFMEMORY;
+  }
   return S_OK;
 }
 
-// A restoration that failed answers its failure, so that nobody waits for it.
-HRESULT message_handler::queryProgress(file_key key, const descriptor& file,
-                                       const std::string& backingPath, ProgressInfo& progress) {
-  const auto failure = failures.find(key);
-  if (failure != failures.end()) return failure->second.why;
-  descriptor backing;
-  HRESULT result = backingFolders.openFile(backingPath, backing);
-  if (result == S_OK) result = sizesOf(file, backing, progress);
-  if (result != S_OK) return result;
-  if (progress.progress > progress.total) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-  const auto running = restorations.find(key);
-  if (running == restorations.end()) {
-    progress.progress = restoredSize(file.get(), backing.get());
-    // There is nothing to restore, and 0 of 0 would be taken for no answer.
-    if (progress.total == 0) progress = {1, 1};
-  } else {
-    // It is whole when its last bytes are on the disk, and the restoration has ended.
-    progress.progress = std::min(running->second->progress(), progress.total - 1);
+HRESULT message_handler::queryProgress(const target& local, ProgressInfo& progress) const {
+  const auto known = jobs.find(local.key);
+  if (known != jobs.end()) {
+    const job& its = known->second;
+    return its.work ? its.work->progress(progress) : its.failed;
   }
-  return S_OK;
+  state found{progress_record(local.key.second, local.backingPath)};
+  const HRESULT result = find(local, found);
+  progress = found.progress;
+  return result;
 }
 
 void message_handler::forgetEnded() noexcept {
-  for (auto each = restorations.begin(); each != restorations.end();) {
-    if (!each->second->hasEnded()) {
-      ++each;
-      continue;
+  for (auto each = jobs.begin(); each != jobs.end();) {
+    job& known = each->second;
+    if (known.work && known.work->hasEnded()) {
+      known.failed = known.work->failure();
+      known.work.reset();
     }
-    try {
-      const restore_failure& failure = each->second->failure();
-      if (failure.why != S_OK) failures[each->first] = failure;
-    } catch (const std::bad_alloc&) {
-      return;  // another time
-    }
-    each = restorations.erase(each);
+    each = known.work || known.failed != S_OK ? std::next(each) : jobs.erase(each);
   }
 }

@@ -4,14 +4,15 @@
 #include <windows.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
-#include <tuple>
+#include <utility>
 
+#include "platform/posix/descriptor.h"
 #include "restore_filter/backing_folders.h"
 #include "restore_filter/restoration.h"
+#include "restore_filter/streams.h"
 #include "zan_restore_filter.h"
 
 /// What the filter does with a message; holds the restorations that it started.
@@ -23,29 +24,44 @@ class message_handler {
   message_handler(const message_handler&) = delete;
   message_handler& operator=(const message_handler&) = delete;
 
-  /// Handles one message of `size` bytes from the process `sender` to the
-  /// instance on the volume `device`. The sender is in this process's mount name space.
-  /// Returns the status of the send; `reply` and
-  /// `replySize` (bytes) are its answer. Whatever is refused is left untouched.
+  /// Handles a message of `size` bytes from the process `sender`, of this process's mount name
+  /// space, to the instance on the volume `device`. Returns the status of the send; `reply` and
+  /// `replySize` (bytes) are its answer. A file that is refused is left untouched.
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Lets go of the restorations that have ended, and of their files, also when nobody asks;
-  /// why one failed is kept.
+  /// Closes the files of the restorations that have ended; why one failed is kept.
   void forgetEnded() noexcept;
 
  private:
-  // Device, inode and time of birth: an inode's number is used again.
-  using file_key = std::tuple<dev_t, ino_t, std::int64_t, std::uint32_t>;
-  static HRESULT keyOf(int file, file_key& key);
+  using file_key = std::pair<dev_t, file_identity>;
+  // The file of a message.
+  struct target {
+    descriptor path;  // O_PATH
+    descriptor file;  // open for reading
+    file_key key;
+    std::string backingPath;  // of its tag
+  };
+  // What is restored of a file, while nothing is written into it.
+  struct state {
+    progress_record record;
+    descriptor backing = descriptor();  // closed if the file is whole
+    file_key backingKey = {};
+    ProgressInfo progress = {};
+  };
+  // A restoration, and what it was started with; or why one failed.
+  struct job {
+    std::shared_ptr<restoration> work;  // null when it has ended
+    std::string backingPath;
+    file_key backingKey;
+    HRESULT failed;
+  };
 
-  HRESULT start(file_key key, descriptor file, const std::string& backingPath,
-                const RestoreStrategy& how);
-  HRESULT stop(file_key key, const descriptor& file);
-  HRESULT queryProgress(file_key key, const descriptor& file, const std::string& backingPath,
-                        ProgressInfo& progress);
+  static HRESULT keyOf(const descriptor& file, file_key& key);
+  HRESULT find(const target& local, state& found) const;
+  HRESULT start(const target& local, const RestoreStrategy& how);
+  HRESULT queryProgress(const target& local, ProgressInfo& progress) const;
 
   const backing_folders& backingFolders;
-  std::map<file_key, std::shared_ptr<restoration>> restorations;
-  std::map<file_key, restore_failure> failures;  // of restorations that have ended
+  std::map<file_key, job> jobs;  // by local file
 };

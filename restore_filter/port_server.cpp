@@ -19,12 +19,10 @@ constexpr std::size_t mostConnections = 200;
 // Descriptors that connections leave to the handling of a message.
 constexpr int reservedDescriptors = 8;
 constexpr int idleMilliseconds = 1000;
-constexpr std::size_t replySizeField = sizeof(std::uint32_t);
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 
-// Out of some resource: waits a moment for it to recover.
-void waitForResources() { usleep(10000); }
+void waitForResources() { usleep(10000); }  // until they have recovered
 
 }  // namespace
 
@@ -42,6 +40,9 @@ std::string port_server::attach(const char* path, std::string& why) {
   }
   descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const abstract_address address(name);
+  // No descriptors from clients, if the kernel knows this: closing one may take long.
+  constexpr int passRights = 83, no = 0;  // SO_PASSRIGHTS, Linux 6.16
+  setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
       listen(listener.get(), SOMAXCONN) != 0) {
     why = errno == EADDRINUSE ? "its volume has a restore filter already" : std::strerror(errno);
@@ -124,8 +125,7 @@ bool port_server::receive(connection& from, bool isHungUp) {
   return sendmsg(from.socket.get(), &message, MSG_NOSIGNAL) >= 0 && from.isOpen;
 }
 
-// The first packet is the connection context, every other one the size of the
-// output buffer and a message.
+// The first packet is the context, every other one the output buffer's size and a message.
 HRESULT port_server::answer(connection& from, const void* packet, std::size_t size,
                             ProgressInfo& reply, std::size_t& replySize) try {
   if (!from.isTrusted) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
@@ -133,12 +133,12 @@ HRESULT port_server::answer(connection& from, const void* packet, std::size_t si
     from.isOpen = size == RESTORE_FILTER_CONNECTION_CONTEXT_SIZE;
     return from.isOpen ? S_OK : E_INVALIDARG;
   }
-  if (size < replySizeField) return E_INVALIDARG;
   std::uint32_t room = 0;
+  if (size < sizeof(room)) return E_INVALIDARG;
   std::memcpy(&room, packet, sizeof(room));
   const HRESULT result =
-      handler.handle(from.sender, from.device, static_cast<const char*>(packet) + replySizeField,
-                     size - replySizeField, reply, replySize);
+      handler.handle(from.sender, from.device, static_cast<const char*>(packet) + sizeof(room),
+                     size - sizeof(room), reply, replySize);
   replySize = std::min<std::size_t>(replySize, room);
   return result;
 } catch (const std::bad_alloc&) {

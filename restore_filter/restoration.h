@@ -6,76 +6,49 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <stop_token>
 
 #include "platform/posix/descriptor.h"
+#include "restore_filter/streams.h"
+#include "zan_restore_filter.h"
 
-/// Why a restoration failed, and from where on bytes of the local file may be lost,
-/// because bringing them to the disk failed after a stop had been answered.
-struct restore_failure {
-  static constexpr std::uint64_t nowhere = UINT64_MAX;
-  HRESULT why = S_OK;
-  std::uint64_t lostFrom = nowhere;
-};
-
-/// How much of the local file is restored: up to its end, or to a hole where the backing
-/// file has data. A crash leaves such holes, and so does a file that was made in advance.
-std::uint64_t restoredSize(int local, int backing);
-
-/// One aggressive restoration: fills a local file from its backing file with n concurrent
-/// reads. One thread writes, in order: into the holes of the local file where the backing
-/// file has data, then behind its end. What the local file has is taken for the backing
-/// file's, without comparing, and never written over. Holes of the backing file are kept.
-/// The last block is written when all before it is on the disk, so a file as long as its
-/// backing file and without such holes is whole, after a crash of the machine too. When
-/// bringing it to the disk fails, nobody knows which of the new bytes were lost: the file is
-/// cut to what it had at the start, which was brought to the disk first.
+/// One aggressive restoration: fills a local file from its backing file with n concurrent reads.
+/// One thread of its own writes, in order, from where the record says; data is synced before
+/// the record is. The public functions are for the one thread that handles messages.
 class restoration : public std::enable_shared_from_this<restoration> {
  public:
-  /// Takes both files, `local` open for reading and writing and restored up to `restored`.
-  /// `earlier`, or null, is a stopped one of the same file that may still be bringing it to
-  /// the disk: this one waits for it. `failed` is how the one before ended.
-  restoration(descriptor local, descriptor backing, std::uint64_t restored,
-              std::shared_ptr<restoration> earlier, restore_failure failed);
+  /// Takes both files, `local` open for reading and writing, and the record, open for save().
+  restoration(descriptor local, descriptor backing, progress_record record);
 
-  /// Begins, with at most `reads` reads at a time. Throws std::system_error when it can't
-  /// have a thread.
-  void start(int reads);
-
-  /// Nothing is written once this has returned; what is under way to or from a disk ends on
-  /// its own.
+  /// Begins, with at most n reads at a time. Throws std::system_error without a thread.
+  void start(int n);
+  /// Nothing is written into the local file once this has returned. A sync and reads that are
+  /// under way end on their own.
   void stop();
+  /// Continues one that is stopped. False if it has ended.
+  bool wake(int n);
 
-  bool isStopped() const { return stopping.stop_requested(); }
-  /// Whether all is read, and only the last of it has to come to the disk.
-  bool isFinishing() const { return finishing; }
-  /// Whether it has ended, and how: S_OK when it was whole or stopped.
-  bool hasEnded() const { return ended; }
-  const restore_failure& failure() const { return failed; }
-  /// Up to where the local file is restored.
-  std::uint64_t progress() const { return position; }
+  bool isRunning() const { return now == state::running; }
+  bool hasEnded() const { return now == state::ended; }
+  /// Why it ended: S_OK if the file is whole or it was stopped. Valid once it has ended.
+  HRESULT failure() const { return failed; }
+  /// How much is written, below the total until the end, and the size of the backing file.
+  HRESULT progress(ProgressInfo& info) const;
 
  private:
-  struct piece;
+  enum class state { running, stopped, ended };
 
-  void run(int reads);
-  HRESULT restore(int reads);
-  piece read(piece chunk) const;
-  HRESULT readOn(piece& chunk, bool& isLast) const;
-  HRESULT write(const piece& chunk, std::size_t from, std::size_t to);
-  HRESULT writeLast(const piece& chunk);
-  HRESULT bringToDisk();
-  HRESULT cutLost();
+  void run();
+  HRESULT restore();
+  HRESULT fill();
+  HRESULT write(const char* bytes, std::size_t size);
+  HRESULT save(bool isWhole);
 
   const descriptor local;
   const descriptor backing;
-  std::shared_ptr<restoration> earlier;
-  std::uint64_t sizeAtStart = 0;  // of the local file, when that is on the disk
-  restore_failure failed;         // for others when it has ended
-
-  std::stop_source stopping;
+  progress_record record;               // its own thread's
+  HRESULT failed = S_OK;                // its own thread's, until that has ended
+  std::atomic<std::uint64_t> position;  // written by its own thread: up to where it has written
+  std::atomic<int> reads = 0;           // the latest start's n
+  std::atomic<state> now = state::running;
   std::mutex writing;  // held while the local file is changed
-  std::atomic<std::uint64_t> position;
-  std::atomic<bool> finishing = false;
-  std::atomic<bool> ended = false;
 };

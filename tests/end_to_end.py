@@ -17,6 +17,7 @@ options = argparse.ArgumentParser()
 options.add_argument("build", type=lambda path: Path(path).resolve())
 options.add_argument("--emulator")
 options.add_argument("--sanitized", action="store_true")
+options.add_argument("tests", nargs="*", help="of these names only, such as WithPeer.test_answers")
 GIVEN = options.parse_args()
 IS_WINDOWS = (GIVEN.build / "zan_restore.exe").exists()
 TOOL, CHECK = (str(GIVEN.build / name) + ".exe" * IS_WINDOWS for name in ("zan_restore", "zan_filter_check"))
@@ -25,8 +26,8 @@ FILTER = str(GIVEN.build / "restore_filter")
 SOURCE = Path(__file__).resolve().parent.parent
 PWSH = shutil.which("pwsh", path=str(SOURCE / "build/tools")) or shutil.which("pwsh")
 IS_ROOT = os.name == "posix" and os.geteuid() == 0
-NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, INVALID, FULL, TOO_SHORT, IO_ERROR = \
-    (0x80070000 | code for code in (3, 4, 5, 6, 32, 87, 112, 1006, 1117))
+NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, EXISTS, INVALID, FULL, BUSY, TOO_SHORT, IO_ERROR, NOT_FOUND = \
+    (0x80070000 | code for code in (3, 4, 5, 6, 32, 80, 87, 112, 170, 1006, 1117, 1168))
 OK, NO = struct.pack("<I", 0), struct.pack("<I", DENIED)
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
 # A user's locale must make no difference; Wine's own names of files follow it.
@@ -148,6 +149,9 @@ class story(unittest.TestCase):
 
     def files_of_filter(self):
         return len(os.listdir("/proc/%d/fd" % self.filter_pid))
+
+    def threads_of_filter(self):
+        return len(os.listdir("/proc/%d/task" % self.filter_pid))
 
     def set_up_file(self, name, backing="c:\\data"):
         self.assertEqual(tool(name, backing)[0], 0)
@@ -373,16 +377,39 @@ class WithRestoreFilter(story):
             self.start(name, 4)
             self.ends_with(name, content)
         self.assertLess(os.stat("sparse").st_blocks * 512, 6 << 20)  # the holes are kept
-        # As if what was written last had not come to the disk; read and changed by somebody since.
-        self.set_up_file("crashed")
-        Path("crashed").write_bytes(self.content[:1 << 20])
-        subprocess.run(["fallocate", "-l", "3MiB", "crashed"], check=True)
-        with open("crashed", "r+b") as crashed:
-            os.pwrite(crashed.fileno(), bytes(4096), 2 << 20)
-        Path("crashed").read_bytes()
-        self.assertEqual(progress("crashed"), (1 << 20, len(self.content)))
-        self.start("crashed")
-        self.ends_with("crashed", self.content[:2 << 20] + bytes(4096) + self.content[(2 << 20) + 4096:])
+
+    def test_writes_over_nothing_that_no_record_accounts_for(self):
+        whole = {"copied": "c:\\data", "changed": "c:\\data", "retagged": "c:\\other"}
+        shutil.copy("back/data", "back/other")
+        for name in ("whole", *whole):
+            self.set_up_file(name)
+            self.start(name)
+            self.ends_with(name, self.content)
+        for name, backing in whole.items():
+            os.rename(name, name + ".old")
+            os.unlink(name + ":restore_filter_tag")
+            self.set_up_file(name, backing)
+            os.rename(name + ".old", name)
+        shutil.copy("copied", "copy")  # the record is of another file
+        os.rename("copy", "copied")
+        for name, content in (("user's", b"mine"), ("made in advance", bytes(1 << 20)), ("cut record", self.content)):
+            self.set_up_file(name)
+            Path(name).write_bytes(content)
+        shutil.copy("whole:restore_filter_progress", "cut record:restore_filter_progress")
+        os.truncate("cut record:restore_filter_progress", 39)
+        for name in ("copied", "retagged", "user's", "made in advance", "cut record"):
+            before = Path(name).read_bytes()
+            with self.subTest(name):
+                self.start(name, 2, EXISTS)
+                self.assertEqual((progress(name), Path(name).read_bytes()), (EXISTS, before))
+        with open("changed", "r+b") as changed:  # a whole file is its user's, whatever becomes of its backing file
+            changed.write(b"its user's")
+        for change in (lambda: os.truncate("back/data", 5), lambda: os.unlink("back/data")):
+            change()
+            self.start("changed")
+            self.ends_with("changed", b"its user's" + self.content[10:])
+        self.start("whole:restore_filter_tag", 2, NOT_FOUND)
+        Path("back/data").touch()
 
     def test_goes_on_after_a_kill(self):
         self.set_up_huge("local")
@@ -392,14 +419,13 @@ class WithRestoreFilter(story):
         self.filter.wait()
         kept = os.path.getsize("local")
         self.assertTrue(self.start_filter())
-        for size in (kept + 3, kept + 9):  # grown since
-            os.truncate("back/huge", size)
-            self.assertEqual(progress("local")[1], size)
-            self.start("local")
-            eventually(lambda: progress("local") == (size, size))
         os.truncate("back/huge", 5)
+        self.start("local", 2, TOO_SHORT)
+        os.truncate("back/huge", kept + 3)
+        with open("local", "r+b") as local:  # not synced by the filter, as the record says: written again
+            os.pwrite(local.fileno(), b"lost", kept - 4)
         self.start("local")
-        eventually(lambda: progress("local") == TOO_SHORT)
+        self.ends_with("local", Path("back/huge").read_bytes())
 
     def test_ends_with_its_file_and_attaches_once(self):
         self.set_up_huge("local")
@@ -514,8 +540,8 @@ class WithFailingCalls(story):
     """Each call of the stand-in to its system fails, by index: it lives on, and what it
     says is true."""
 
-    CALLS = {"fdatasync": 2, "lseek": 6, "openat": 6, "openat2": 2, "pread64": 4, "pwrite64": 3, "newfstatat": 8, "statx": 3,
-             "readlink": 2, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
+    CALLS = {"fdatasync": 4, "ftruncate": 2, "openat": 6, "openat2": 6, "pread64": 8, "pwrite64": 9, "newfstatat": 8,
+             "statx": 3, "readlink": 3, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
              "clone3": 2, "mmap": 4, "getsockopt": 2}
 
     def setUp(self):
@@ -540,54 +566,51 @@ class WithFailingCalls(story):
                 self.assertTrue(self.content.startswith(Path("local").read_bytes()))
                 if now == (len(self.content),) * 2:
                     break
-            eventually(lambda: not isinstance(now := progress("local"), tuple)
-                       or now == (os.path.getsize("local"), len(self.content)))
+            eventually(lambda: not isinstance(now := progress("local"), tuple) or now == (len(self.content),) * 2)
             eventually(lambda: send("--ping", "local") == 0)
         else:  # it could not begin, and said so
             self.assertEqual(self.filter.wait(20), 1)
         self.stop_filter(self.filter)
 
-    def test_is_whole_when_it_is_on_the_disk(self):
-        self.set_up_file("local")
-        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s")
-        self.start("local")
-        eventually(lambda: os.path.getsize("local") >= len(self.content) - 4096)
-        self.assertLess(os.path.getsize("local"), len(self.content))  # the last block waits for the others
-        self.assertLess(*progress("local"))
-        self.start("local")  # not busy: it is about to end
-        eventually(lambda: os.path.getsize("local") == len(self.content))  # and is not there yet
-        self.assertLess(*progress("local"))
-        self.ends_with("local", self.content)
+    def test_is_whole_when_the_record_says_so_on_the_disk(self):
+        # Syncs of a thread: file and record before the first byte, file and record at the end.
+        for fault, status in (("error=EIO:when=3", IO_ERROR), ("error=ENOSPC:when=4", FULL), ("error=EIO:when=1", IO_ERROR)):
+            with self.subTest(fault):
+                self.set_up_file(fault)
+                self.start_filter(*STRACE, "inject=fdatasync:" + fault)
+                self.start(fault)
+                eventually(lambda: progress(fault) == status)
+                self.assertEqual(os.path.getsize(fault), 0 if "when=1" in fault else len(self.content))
+                self.assertEqual((send("--stopAggressiveRestore", fault), progress(fault)), (0, (0, len(self.content))))
+                self.stop_filter(self.filter)
+                if os.path.getsize(fault) > 0:  # what was lost
+                    with open(fault, "r+b") as local:
+                        os.pwrite(local.fileno(), bytes(4096), 1 << 20)
+                self.start_filter()
+                self.start(fault)
+                self.ends_with(fault, self.content)
+                self.stop_filter(self.filter)
 
-    def test_loses_nothing_that_was_there(self):
+    def test_stop_and_start_during_a_slow_sync(self):
         self.set_up_file("local")
-        Path("local").write_bytes(b"changed by its user" + self.content[19:2000000])
-        kept = Path("local").read_bytes()
-        self.start_filter(*STRACE, "inject=fdatasync:error=ENOSPC:when=2+")
+        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s:when=3")
         self.start("local")
-        eventually(lambda: progress("local") == FULL)
-        self.assertEqual(Path("local").read_bytes(), kept)
-        self.stop_filter(self.filter)
-
-        self.start_filter(*STRACE, "inject=fdatasync:error=EIO:when=2:delay_enter=2s")
-        for is_known in (True, False):  # when the next start comes, which takes away what a user wrote after the stop
-            self.start("local")
-            eventually(lambda: (now := Path("local").read_bytes())[2500000:2500004] != b"user" and len(now) >= 3 << 20)
+        eventually(lambda: os.path.getsize("local") == len(self.content))
+        self.start("local", 2, BUSY)
+        tag = "local:restore_filter_tag"
+        for _ in range(3):
             self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-            if is_known:
-                with open("local", "r+b") as local:
-                    os.pwrite(local.fileno(), b"user", 2500000)
-                stopped = Path("local").read_bytes()
-                eventually(lambda: progress("local") == IO_ERROR)
-                self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-                self.assertEqual(progress("local"), IO_ERROR)
-                self.assertEqual(Path("local").read_bytes(), stopped)
-        self.start("local")
-        eventually(lambda: progress("local") == IO_ERROR and Path("local").read_bytes() == kept)
-        self.stop_filter(self.filter)
-        self.start_filter()
-        self.start("local")
-        self.ends_with("local", kept + self.content[len(kept):])
+            os.rename(tag, "kept")
+            shutil.copy("back/data", "back/other")
+            self.set_up_file("other", "c:\\other")
+            os.rename("other:restore_filter_tag", tag)
+            os.unlink("other")
+            self.start("local", 2, BUSY)  # it is still at work for the other backing path
+            os.rename("kept", tag)
+            self.start("local")
+            self.assertLess(*progress("local"))
+            self.assertEqual(self.threads_of_filter(), 2)  # the one that waits is woken
+        self.ends_with("local", self.content)
 
     def test_stops_and_limits_while_reads_are_slow(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
@@ -600,7 +623,7 @@ class WithFailingCalls(story):
         for word in ("--ping", "--progress", "--stopAggressiveRestore"):
             self.assertEqual({send(word, name) for name in names}, {0})
         stopped = [os.path.getsize(name) for name in names]
-        eventually(lambda: len(os.listdir("/proc/%d/task" % self.filter_pid)) == 1)  # their reads were under way
+        eventually(lambda: self.threads_of_filter() == 1)  # their reads were under way
         self.assertEqual([os.path.getsize(name) for name in names], stopped)
         listed = "".join("%s\tc:\\data\n" % name for name in names)
         self.assertEqual(self.restore_many("1", text=listed), (0, sorted(name + ": whole" for name in names), []))
@@ -636,4 +659,4 @@ if __name__ == "__main__":
         stories = ["SetUp", "ControlUnderWine"][: 1 + bool(EMULATOR)]
     elif GIVEN.sanitized:
         stories.pop()  # what is traced has no leak sanitizer
-    unittest.main(argv=[sys.argv[0], *stories], verbosity=2, warnings="ignore")
+    unittest.main(argv=[sys.argv[0], *(GIVEN.tests or stories)], verbosity=2, warnings="ignore")
