@@ -17,6 +17,9 @@ else()
   add_compile_options(-ffunction-sections -fdata-sections)
   add_link_options(-Wl,--gc-sections)
 endif()
+if(MINGW)
+  add_link_options(-static)
+endif()
 
 if(WIN32) # Windows 10: the Filter Manager's newest record layout
   add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 NTDDI_VERSION=0x0A000000 NOMINMAX)

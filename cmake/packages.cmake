@@ -19,7 +19,6 @@ if(WIN32)
   install(DIRECTORY powershell/ZanRestore DESTINATION .) # beside the tool, where it looks for it
 else()
   install(DIRECTORY powershell DESTINATION ${ZAN_DOCUMENTS})
-  install(PROGRAMS examples/restore-many.sh DESTINATION ${ZAN_DOCUMENTS}/examples)
   install(FILES completions/zan_restore DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
   # Compressed as Debian wants it: the same bytes at every build.
   function(compressed file name component folder)

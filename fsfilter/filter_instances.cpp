@@ -6,11 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <utility>
+#include <new>
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
-#include "fsfilter/try_to_allocate.h"
 
 namespace zan::fsfilter {
 namespace {
@@ -20,6 +19,17 @@ constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 
 // The layout of Windows 8 and later, in which a legacy filter has a name too.
 static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
+
+// Closes the search, even if it found nothing.
+struct instance_search {
+  ~instance_search() {
+    const HRESULT closed = FilterInstanceFindClose(handle);
+    if (closed < 0) {
+      traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, bitsOf(closed));
+    }
+  }
+  HANDLE handle = INVALID_HANDLE_VALUE;
+};
 
 using record_buffer = std::vector<BYTE>;
 
@@ -66,42 +76,37 @@ FilterInstanceInfo readRecord(const record_buffer& buffer) {
 
 std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName) noexcept {
   std::list<FilterInstanceInfo> instances;
-  record_buffer buffer;
-  HANDLE search = INVALID_HANDLE_VALUE;
-  const auto resize = [&](std::size_t size) noexcept {
-    return tryToAllocate([&] { buffer = record_buffer(size); });
+  instance_search search;
+  const auto traceFailure = [&](HRESULT result) noexcept {
+    traceLine(instances.empty() ? L"FilterInstanceFindFirst" : L"FilterInstanceFindNext",
+              L" failed: status = 0x", std::hex, bitsOf(result));
   };
-  const auto find = [&]() noexcept {
-    DWORD unused = 0;
-    const auto size = static_cast<DWORD>(buffer.size());
-    return instances.empty()
-               ? FilterInstanceFindFirst(filterName.c_str(), InstanceAggregateStandardInformation,
-                                         buffer.data(), size, &unused, &search)
-               : FilterInstanceFindNext(search, InstanceAggregateStandardInformation, buffer.data(),
-                                        size, &unused);
-  };
-
-  HRESULT result = resize(smallestRecordBuffer) ? find() : E_OUTOFMEMORY;
-  for (;;) {
-    const int code = HRESULT_CODE(result);
-    if (code == ERROR_NO_MORE_ITEMS) break;
-    const bool isTooSmall = code == ERROR_INSUFFICIENT_BUFFER;
-    if (isTooSmall && buffer.size() < largestRecordBuffer) {
-      result = resize(2 * buffer.size()) ? find() : E_OUTOFMEMORY;
-      continue;
+  try {
+    record_buffer buffer(smallestRecordBuffer);
+    for (;;) {
+      DWORD unused = 0;
+      const auto size = static_cast<DWORD>(buffer.size());
+      const HRESULT result =
+          instances.empty()
+              ? FilterInstanceFindFirst(filterName.c_str(), InstanceAggregateStandardInformation,
+                                        buffer.data(), size, &unused, &search.handle)
+              : FilterInstanceFindNext(search.handle, InstanceAggregateStandardInformation,
+                                       buffer.data(), size, &unused);
+      const int code = HRESULT_CODE(result);
+      if (code == ERROR_NO_MORE_ITEMS) break;
+      const bool isTooSmall = code == ERROR_INSUFFICIENT_BUFFER;
+      if (isTooSmall && buffer.size() < largestRecordBuffer) {
+        buffer = record_buffer(2 * buffer.size());
+        continue;
+      }
+      if (result < 0 || isTooSmall) {
+        traceFailure(result);
+        break;
+      }
+      instances.push_back(readRecord(buffer));
     }
-    if (result < 0 || isTooSmall) {
-      traceLine(instances.empty() ? L"FilterInstanceFindFirst" : L"FilterInstanceFindNext",
-                L" failed: status = 0x", std::hex, bitsOf(result));
-      break;
-    }
-    result =
-        tryToAllocate([&] { instances.push_back(readRecord(buffer)); }) ? find() : E_OUTOFMEMORY;
-  }
-
-  const HRESULT closed = FilterInstanceFindClose(search);
-  if (closed < 0) {
-    traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, bitsOf(closed));
+  } catch (const std::bad_alloc&) {
+    traceFailure(E_OUTOFMEMORY);
   }
   return instances;
 }

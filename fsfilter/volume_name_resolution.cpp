@@ -4,13 +4,13 @@
 #include <array>
 #include <cstddef>
 #include <cwchar>
+#include <new>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "fsfilter/debug_trace.h"
 #include "fsfilter/filter_instances.h"
-#include "fsfilter/try_to_allocate.h"
 
 namespace zan::fsfilter {
 namespace {
@@ -29,10 +29,20 @@ void traceQuery(DWORD error, const wchar_t* volume) noexcept {
   traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
 }
 
+// Closes the search, if it was opened.
+struct volume_search {
+  ~volume_search() {
+    if (handle != INVALID_HANDLE_VALUE && !FindVolumeClose(handle)) {
+      traceLine(L"FindVolumeClose falied: hr = 0x", std::hex, GetLastError());
+    }
+  }
+  HANDLE handle = INVALID_HANDLE_VALUE;
+};
+
 // Whether `deviceName` is the device of `volume`, "\\?\Volume{GUID}", the first
 // if it has several. `devices` takes their names and grows as needed.
 bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
-                std::vector<wchar_t>& devices) noexcept {
+                std::vector<wchar_t>& devices) {
   for (;;) {
     std::fill(devices.begin(), devices.end(), L'\0');
     if (QueryDosDeviceW(volume + prefix.size(), devices.data(),
@@ -41,11 +51,11 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
     }
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
-    if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer ||
-        !tryToAllocate([&] { devices = std::vector<wchar_t>(larger); })) {
+    if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer) {
       traceQuery(error, volume);
       return false;
     }
+    devices = std::vector<wchar_t>(larger);
   }
 }
 
@@ -53,40 +63,33 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
 
 void FilterInstanceInfo::resolveVolumeId() noexcept {
   volumeId.clear();
-  std::vector<wchar_t> devices;
-  if (!tryToAllocate([&] { devices.resize(smallestDeviceBuffer); })) {
-    traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, DWORD{ERROR_NOT_ENOUGH_MEMORY});
-    return;
-  }
-
   std::array<wchar_t, MAX_PATH> volume{};
-  const HANDLE volumes = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
-  if (volumes == INVALID_HANDLE_VALUE) {
-    traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
-    return;
-  }
-  for (;;) {
-    // A name of any other form than "\\?\NAME\" is no volume's.
-    const std::wstring_view name = textIn(volume);
-    const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
-                          name.starts_with(prefix) && name.ends_with(L'\\');
-    if (isVolume) volume[name.size() - 1] = L'\0';
-    if (isVolume && isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-      if (!tryToAllocate([&] { volumeId = volume.data() + prefix.size(); })) {
-        traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
-      }
-      break;
+  volume_search search;
+  try {
+    std::vector<wchar_t> devices(smallestDeviceBuffer);
+    search.handle = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
+    if (search.handle == INVALID_HANDLE_VALUE) {
+      traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
+      return;
     }
-    volume.fill(L'\0');
-    if (FindNextVolumeW(volumes, volume.data(), static_cast<DWORD>(volume.size()))) continue;
+    do {
+      // Only \\?\NAME\ names a volume.
+      const std::wstring_view name = textIn(volume);
+      const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
+                            name.starts_with(prefix) && name.ends_with(L'\\');
+      if (isVolume) volume[name.size() - 1] = L'\0';
+      if (isVolume && isDeviceOf(volume.data(), volumeDeviceName, devices)) {
+        volumeId = volume.data() + prefix.size();
+        return;
+      }
+      volume.fill(L'\0');
+    } while (FindNextVolumeW(search.handle, volume.data(), static_cast<DWORD>(volume.size())));
     const DWORD error = GetLastError();
     if (error != ERROR_NO_MORE_FILES && error != ERROR_MORE_DATA) {
       traceLine(L"FindNextVolume failed: hr = 0x", std::hex, error);
     }
-    break;
-  }
-  if (!FindVolumeClose(volumes)) {
-    traceLine(L"FindVolumeClose falied: hr = 0x", std::hex, GetLastError());
+  } catch (const std::bad_alloc&) {
+    traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
   }
 }
 

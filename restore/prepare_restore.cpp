@@ -17,23 +17,24 @@ struct tag_buffer {
 };
 static_assert(sizeof(tag_buffer) == 16384);
 
-// Creates the tag stream and writes the record in one write. True when the
-// stream is whole; says how it went on the console.
+// Prints why the latest call failed. False, for the caller to return.
+bool printFailure(const wchar_t* what) {
+  const DWORD error = GetLastError();  // printing may change it
+  std::wcout << what << std::hex << error << std::endl;
+  return false;
+}
+
+// Creates the tag stream and writes the record in one write. False if the stream is incomplete.
+// Prints the outcome.
 bool writeTagStream(const std::wstring& streamPath, const RestoreTagRecord& record,
                     const std::wstring& ntPath) {
   zan::file_handle stream(CreateFileW(streamPath.c_str(), GENERIC_ALL, 0, nullptr, CREATE_NEW,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!stream.isOpen()) {
-    const DWORD error = GetLastError();
-    std::wcout << L"create tag stream failed: " << std::hex << error << std::endl;
-    return false;
-  }
+  if (!stream.isOpen()) return printFailure(L"create tag stream failed: ");
 
   DWORD written = 0;
   if (!WriteFile(stream.get(), &record, sizeof(record), &written, nullptr)) {
-    const DWORD error = GetLastError();
-    std::wcout << L"writing tag stream failed: " << std::hex << error << std::endl;
-    return false;
+    return printFailure(L"writing tag stream failed: ");
   }
   if (written != sizeof(record)) {
     std::wcout << L"writing tag stream failed - incomplete write: " << std::endl;
@@ -59,8 +60,7 @@ int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStr
                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
                                          FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!localFile.isOpen()) {
-    const DWORD error = GetLastError();
-    std::wcout << L"create local file failed: " << std::hex << error << std::endl;
+    printFailure(L"create local file failed: ");
     return 1;
   }
   localFile.close();

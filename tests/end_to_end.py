@@ -11,7 +11,7 @@ import threading, time, unittest
 from pathlib import Path
 
 if os.name == "posix":
-    import ctypes, fcntl, pty, resource
+    import ctypes, fcntl, resource
 
 options = argparse.ArgumentParser()
 options.add_argument("build", type=lambda path: Path(path).resolve())
@@ -168,11 +168,6 @@ class story(unittest.TestCase):
     def ends_with(self, name, content):
         eventually(lambda: progress(name) == (len(content),) * 2)
         self.assertEqual(Path(name).read_bytes(), content)
-
-    def restore_many(self, *words, text, **options):
-        done = subprocess.run([SOURCE / "examples/restore-many.sh", *words], input=text.encode(), timeout=60,
-                              env=IN_PATH, **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-        return done.returncode, *(sorted((text or b"").decode().splitlines()) for text in (done.stdout, done.stderr))
 
 
 class SetUp(story):
@@ -464,30 +459,6 @@ class WithRestoreFilter(story):
         self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
                                  "error = 0x80070005\n" % port_of(".")])
 
-    def test_example_restores_many(self):
-        Path("taken").write_bytes(b"mine")
-        Path("back/none").touch()
-        self.set_up_file("other", "c:\\none")
-        listed = ("one\tc:\\data\r\ntwo \xe9\t\\\\srv\\share\\data\n-dash\tc:\\data\ntaken\tc:\\data\n\n"
-                  "other\tc:\\data\nempty\tc:\\none\nbad\tc:\\x\nno tab\nnopath\t")  # no line end at the end
-        for _ in (1, 2):
-            self.assertEqual(self.restore_many("4", text=listed), (
-                1, ["./-dash: whole", "empty: whole", "one: whole", "two \xe9: whole"],
-                ["bad: not started: message not sent to port: %s; 0x80070002 FilterSendMessage" % port_of("."),
-                 "no tab: not set up: no tab and backing path behind it",
-                 "nopath: not set up: the backing path is empty or too long",
-                 *("%s: not set up: exists, and has no tag for this backing path" % name for name in ("other", "taken"))]))
-        for name, content in (("one", self.content), ("two \xe9", self.content), ("taken", b"mine")):
-            self.assertEqual(Path(name).read_bytes(), content)
-        terminal, other_end = pty.openpty()
-        zeros = "a\tb\0c:\\data\0c\nd\0c:\\data\0"
-        self.assertEqual(self.restore_many("-0", "4", text=zeros, stderr=other_end)[0], 0)
-        self.assertEqual(self.restore_many("-0", "4", text=zeros + "lost\0c:\\data")[0], 1)
-        self.assertIn(b"2 of 2 files whole, ", os.read(terminal, 10000))
-        for name in ("a\tb", "c\nd"):
-            self.assertEqual(Path(name).read_bytes(), self.content)
-        self.assertEqual(self.restore_many("x", text=""), (1, [], ["usage: restore-many.sh [-0] READS < LIST"]))
-
 
 class WithPeer(story):
     def test_answers(self):
@@ -625,8 +596,9 @@ class WithFailingCalls(story):
         stopped = [os.path.getsize(name) for name in names]
         eventually(lambda: self.threads_of_filter() == 1)  # their reads were under way
         self.assertEqual([os.path.getsize(name) for name in names], stopped)
-        listed = "".join("%s\tc:\\data\n" % name for name in names)
-        self.assertEqual(self.restore_many("1", text=listed), (0, sorted(name + ": whole" for name in names), []))
+        for name in names:
+            eventually(lambda: send("--startAggressiveRestore", name, "1") == 0)
+            self.ends_with(name, self.content)
 
     def test_interrupted_check_leaves_nothing(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")

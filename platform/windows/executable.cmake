@@ -29,7 +29,7 @@ function(windows_executable name description)
   else()
     target_sources(${name} PRIVATE platform/windows/delayed_fltlib.cpp)
     target_link_options(${name} PRIVATE
-      -municode -mconsole -static -s
+      -municode -mconsole -s
       -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat -Wl,--no-insert-timestamp)
   endif()
 endfunction()

@@ -56,7 +56,7 @@ function Invoke-Tool([string[]] $Words) {
         $hresult = 0
         if ($process.ExitCode -ne 0) {
             $hresult = $script:generalFailure
-            # The HRESULT and the function's name come in an order that the compiler chooses.
+            # The diagnosis' fourth line begins with the HRESULT; "0x...[" when the function follows it.
             if ($text -match '(?m)^0x([0-9a-f]{1,8})(?:\[|\r?$)') {
                 $hresult = [Convert]::ToInt32($Matches[1], 16)
             } elseif ($text -match '^(?:create|writing) .* failed: ([0-9a-f]{1,4})$') {
@@ -129,7 +129,7 @@ function Test-Tag([string] $File, [string] $BackingPath) {
     else { $BackingPath }
     $length = [BitConverter]::ToUInt16($tag, 26)
     # Not -ceq, for which some characters that differ are the same.
-    $length -le 16340 -and [string]::Equals([Text.Encoding]::Unicode.GetString($tag, 36, $length), $path, 'Ordinal')
+    $length -le 16336 -and [string]::Equals([Text.Encoding]::Unicode.GetString($tag, 36, $length), $path, 'Ordinal')
 }
 
 # Asks for the progress of a file, given by its whole path; null after an error.
