@@ -4,9 +4,9 @@
 
 #include "zan_restore_filter.h"
 
-// The three commands of the command line. Each prints its own failures and
-// returns the exit status: 0 for success, 1 for any failure. Paths are used
-// exactly as given; a relative one is relative to the current directory.
+// The three commands behind the six forms of the command line: set-up; ping, start and stop;
+// progress. Each prints its own failures and returns the exit status: 0 for success, 1 for any
+// failure. Paths are used exactly as given; a relative one is relative to the current directory.
 
 /// Sets up a restore: creates `file`, empty and new, and gives it the tag
 /// stream that names `backingPath` and `strategy`. After a failure nothing is

@@ -6,7 +6,7 @@ if(MSVC)
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/utf-8$<SEMICOLON>/W4$<SEMICOLON>/EHsc>)
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/permissive-$<SEMICOLON>/guard:cf>)
   file(TO_NATIVE_PATH "${PROJECT_SOURCE_DIR}/" ZAN_SOURCE_PREFIX)
-  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/Brepro>)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:/Brepro$<SEMICOLON>/Zi>)
   add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,MSVC>:/d1trimfile:${ZAN_SOURCE_PREFIX}>) # not clang-cl
   add_link_options(/guard:cf /Brepro)
 else()
@@ -18,6 +18,7 @@ else()
   add_link_options(-Wl,--gc-sections)
 endif()
 if(MINGW)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-g>) # kept apart: executable.cmake
   add_link_options(-static)
 endif()
 

@@ -1,8 +1,6 @@
 #include "control/filter_message.h"
 
-#include <algorithm>
 #include <iostream>
-#include <list>
 #include <optional>
 
 #include "control/volume_id.h"

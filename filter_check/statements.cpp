@@ -89,11 +89,12 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
 
   heading = "The connection";
   addEach("a context of {} bytes is refused", {0, 39, 41, 4096}, [](auto& t, auto& r) {
-    const file_handle port(t.connect(E_INVALIDARG, static_cast<std::size_t>(r.value)));
+    const auto [result, opened] = t.tryConnect(static_cast<std::size_t>(r.value));
+    const file_handle port(opened);
+    expect(result, E_INVALIDARG);
   });
-  add("the content of the context means nothing", [](auto& t) {
-    const file_handle port(t.connect(S_OK, RESTORE_FILTER_CONNECTION_CONTEXT_SIZE, '\xFF'));
-  });
+  add("the content of the context means nothing",
+      [](auto& t) { const file_handle port(t.connect('\xFF')); });
   addEach("{} connections at once are served", {8}, [](auto& t, auto& r) {
     std::list<file_handle> ports;
     for (int i = 0; i < r.value; ++i) ports.emplace_back(t.connect());

@@ -35,15 +35,13 @@ using enum ControlOperation;
 
 // What ends a statement or the run early. What is wrong with the machine is a std::exception.
 struct violation {
-  std::string asked;  // by the contract
+  std::string expected;  // by the contract
 };
+struct unanswered : violation {};
 struct untried {
   std::string reason;
 };
 struct interruption {};
-
-constexpr const char* noConnection = "a connection";
-constexpr const char* noAnswer = "an answer within the time limit";
 
 inline std::atomic<bool> isInterrupted = false;
 
@@ -58,10 +56,10 @@ inline std::string hex(HRESULT result) {
   return text;
 }
 
-inline void expect(bool holds, const std::string& asked) {
-  if (!holds) throw violation{asked};
+inline void expect(bool holds, const std::string& expected) {
+  if (!holds) throw violation{expected};
 }
-inline void expect(HRESULT came, HRESULT asked) { expect(came == asked, hex(asked)); }
+inline void expect(HRESULT came, HRESULT expected) { expect(came == expected, hex(expected)); }
 
 [[noreturn]] inline void failWith(const std::string& what, const fs::path& file) {
   throw std::runtime_error(what + ' ' + file.string());
@@ -214,20 +212,23 @@ class trial {
     if (fs::exists(tagOn(file))) fs::rename(tagOn(file), tagOn(name));
   }
 
-  /// Connects with a context of `size` bytes, all `filling`.
-  HANDLE connect(HRESULT asked = S_OK, std::size_t size = RESTORE_FILTER_CONNECTION_CONTEXT_SIZE,
-                 char filling = 0) {
+  /// Connects with a context of `size` bytes, all `filling`: the answer, and the port if it is
+  /// open.
+  std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0) {
     log.push_back("connect with a context of " + std::to_string(size) + " bytes: ");
-    const auto [result, port] = answerOf([name = portName, context = std::string(size, filling)] {
+    const auto came = answerOf([name = portName, context = std::string(size, filling)] {
       HANDLE opened = INVALID_HANDLE_VALUE;
-      const HRESULT came = FilterConnectCommunicationPort(
+      const HRESULT result = FilterConnectCommunicationPort(
           name.c_str(), 0, context.empty() ? nullptr : context.data(),
           static_cast<WORD>(context.size()), nullptr, &opened);
-      return std::pair(came, opened);
+      return std::pair(result, opened);
     });
-    log.back() += hex(result);
-    if (asked != S_OK) expect(result, asked);
-    expect(result >= 0 || asked != S_OK, noConnection);
+    log.back() += hex(came.first);
+    return came;
+  }
+  HANDLE connect(char filling = 0) {
+    const auto [result, port] = tryConnect(RESTORE_FILTER_CONNECTION_CONTEXT_SIZE, filling);
+    if (result < 0) throw unanswered{{"a connection"}};
     return port;
   }
 
@@ -345,7 +346,7 @@ class trial {
       worker.detach();
       if (isInterrupted) throw interruption{};
       log.back() += "no answer";
-      throw violation{noAnswer};
+      throw unanswered{{"an answer within the time limit"}};
     }
     worker.join();
     return result.get();

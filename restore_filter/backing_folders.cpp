@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/posix/last_error.h"
+#include "restore_filter/log.h"
 
 namespace {
 
@@ -29,14 +29,13 @@ int openBeneath(int root, const std::string& path) {
 }  // namespace
 
 HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
-  if (!path.isOpen()) return hostFailure();
   struct stat status {};
-  if (fstat(path.get(), &status) != 0) return hostFailure();
+  if (fstat(path.get(), &status) != 0) return hostFailure("fstat", path);
   if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   if (!S_ISREG(status.st_mode)) return E_INVALIDARG;
   // O_NONBLOCK, so that somebody's lease is a refusal, not a wait.
   file = descriptor(open(procPathOf(path.get()).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
-  return file.isOpen() ? S_OK : hostFailure();
+  return file.isOpen() ? S_OK : hostFailure("open", path);
 }
 
 bool backing_folders::add(std::string ntPrefix, const char* path) {
@@ -46,16 +45,17 @@ bool backing_folders::add(std::string ntPrefix, const char* path) {
   return true;
 }
 
-HRESULT backing_folders::openFile(std::string_view ntPath, descriptor& file) const {
+HRESULT backing_folders::openFile(const std::string& ntPath, descriptor& file) const {
+  descriptor path;
   if (ntPath.starts_with('/')) {
-    const std::string path(ntPath);
-    return openRegularFile(descriptor(open(path.c_str(), O_PATH | O_CLOEXEC)), O_RDONLY, file);
+    path = descriptor(open(ntPath.c_str(), O_PATH | O_CLOEXEC));
+  } else {
+    const auto isAbove = [&](const folder& each) { return beginsWith(ntPath, each.ntPrefix); };
+    const auto found = std::find_if(folders.begin(), folders.end(), isAbove);
+    if (found == folders.end()) return HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+    std::string rest = ntPath.substr(found->ntPrefix.size() + 1);
+    std::replace(rest.begin(), rest.end(), '\\', '/');
+    path = descriptor(openBeneath(found->root.get(), rest));
   }
-  for (const folder& candidate : folders) {
-    if (!beginsWith(ntPath, candidate.ntPrefix)) continue;
-    std::string path(ntPath.substr(candidate.ntPrefix.size() + 1));
-    std::replace(path.begin(), path.end(), '\\', '/');
-    return openRegularFile(descriptor(openBeneath(candidate.root.get(), path)), O_RDONLY, file);
-  }
-  return HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+  return path.isOpen() ? openRegularFile(path, O_RDONLY, file) : hostFailure("open", ntPath);
 }

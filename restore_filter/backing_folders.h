@@ -18,7 +18,7 @@ class backing_folders {
   /// Opens the regular file that `ntPath` names, for reading, never one outside
   /// the folder it is looked up in; an absolute Linux path is used as it is.
   /// S_OK, or an HRESULT that says why not.
-  HRESULT openFile(std::string_view ntPath, descriptor& file) const;
+  HRESULT openFile(const std::string& ntPath, descriptor& file) const;
 
  private:
   struct folder {

@@ -1,7 +1,6 @@
 // A stand-in for the restore filter, in user mode: attaches to volumes, serves
 // their ports and restores files, so that zan_restore has somebody to talk to.
 
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <cctype>
@@ -13,20 +12,27 @@
 #include <vector>
 
 #include "restore_filter/backing_folders.h"
+#include "restore_filter/descriptor_limit.h"
+#include "restore_filter/log.h"
 #include "restore_filter/message_handler.h"
 #include "restore_filter/port_server.h"
 
 namespace {
 
+constexpr const char* usageText =
+    "restore_filter [--log] [--drive L=DIR]... [--share \\\\SERVER\\SHARE=DIR]... DIR...\n"
+    "restore_filter --help | --version\n"
+    "\n"
+    "Attaches to the volume of each DIR and serves its port until SIGINT or SIGTERM.\n"
+    "Looks up backing paths L:\\... and \\\\SERVER\\SHARE\\... below their DIR.\n"
+    "--log prints a line to standard error per message and per failed system call.\n";
+
 int usage() {
-  std::cerr << "restore_filter [--drive L=DIR]... [--share \\\\SERVER\\SHARE=DIR]... DIR...\n"
-               "\n"
-               "Attaches to the volume of each DIR and serves its port until SIGINT or SIGTERM.\n"
-               "Backing paths L:\\... and \\\\SERVER\\SHARE\\... are looked up below their DIR.\n";
+  std::cerr << usageText;
   return 1;
 }
 
-// The NT prefix of "L" or "\\SERVER\SHARE"; empty when `name` is no such.
+// The NT prefix of "L" or "\\SERVER\SHARE"; empty if `name` is neither.
 std::string ntPrefix(std::string_view option, std::string_view name) {
   if (option == "--drive") {
     const bool isLetter =
@@ -51,14 +57,6 @@ descriptor stopSignals() {
   return descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-// A restoration takes three descriptors; the usual soft limit would be used up by 300 files.
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -66,6 +64,14 @@ int main(int argc, char** argv) try {
   std::vector<const char*> volumes;
   for (int i = 1; i < argc; ++i) {
     const std::string_view word = argv[i];
+    if (word == "--help" || word == "--version") {
+      std::cout << (word == "--help" ? usageText : "restore_filter " ZAN_VERSION "\n");
+      return 0;
+    }
+    if (word == "--log") {
+      isLogging = true;
+      continue;
+    }
     if (word != "--drive" && word != "--share") {
       if (word.starts_with('-')) return usage();
       volumes.push_back(argv[i]);

@@ -6,12 +6,14 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <system_error>
 
-#include "platform/posix/last_error.h"
 #include "platform/posix/mount_table.h"
+#include "restore_filter/descriptor_limit.h"
+#include "restore_filter/log.h"
 
 namespace {
 
@@ -27,7 +29,7 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
   path = descriptor(open(link.c_str(), O_PATH | O_CLOEXEC));
   if (path.isOpen()) return S_OK;
-  return errno == ENOENT ? E_INVALIDARG : hostFailure();
+  return errno == ENOENT ? E_INVALIDARG : hostFailure("open", link);
 }
 
 }  // namespace
@@ -40,20 +42,31 @@ message_handler::~message_handler() {
 
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                                 ProgressInfo& reply, std::size_t& replySize) {
+  static constexpr const char* names[] = {"ping", "start", "stop", "progress"};
   replySize = 0;
   ControlMessage received;
   if (size != sizeof(received)) return E_INVALIDARG;
   std::memcpy(&received, message, sizeof(received));
-  const ControlRequest& request = received.request;
-  if (request.operation > ControlOperation::QueryProgress) return E_INVALIDARG;
-
+  const auto operation = received.request.operation;
+  if (operation > ControlOperation::QueryProgress) return E_INVALIDARG;
   target local;
-  HRESULT result = takeFile(sender, received.fileHandle, local.path);
+  const HRESULT result = answer(received, sender, device, local, reply);
+  if (result == S_OK && operation == ControlOperation::QueryProgress) replySize = sizeof(reply);
+  char code[11];
+  std::snprintf(code, sizeof(code), "0x%08x", static_cast<unsigned>(result));
+  if (isLogging) logLine(names[static_cast<int>(operation)], pathOf(local.path), code);
+  return result;
+}
+
+HRESULT message_handler::answer(const ControlMessage& message, pid_t sender, dev_t device,
+                                target& local, ProgressInfo& reply) {
+  const ControlRequest& request = message.request;
+  HRESULT result = takeFile(sender, message.fileHandle, local.path);
   if (result == S_OK) result = openRegularFile(local.path, O_RDONLY, local.file);
   if (result != S_OK) return result;
   const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
   // A mount that isn't in the table is one of another mount name space.
-  if (!volume && errno != ENOENT) return hostFailure();
+  if (!volume && errno != ENOENT) return hostFailure("find the mount of", local.file);
   if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
 
@@ -72,15 +85,13 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (request.operation == ControlOperation::StartAggressiveRestore) {
     return start(local, request.strategy);
   }
-  result = queryProgress(local, reply);
-  if (result == S_OK) replySize = sizeof(reply);
-  return result;
+  return queryProgress(local, reply);
 }
 
 HRESULT message_handler::keyOf(const descriptor& file, file_key& key) {
   struct statx status {};
   if (statx(file.get(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
-    return hostFailure();
+    return hostFailure("statx", file);
   }
   key = {makedev(status.stx_dev_major, status.stx_dev_minor),
          {status.stx_ino, static_cast<std::uint64_t>(status.stx_btime.tv_sec),
@@ -90,7 +101,7 @@ HRESULT message_handler::keyOf(const descriptor& file, file_key& key) {
 
 HRESULT message_handler::find(const target& local, state& found) const {
   struct stat status {};
-  if (fstat(local.file.get(), &status) != 0) return hostFailure();
+  if (fstat(local.file.get(), &status) != 0) return hostFailure("fstat", local.file);
   const auto size = static_cast<std::uint64_t>(status.st_size);
   HRESULT result = S_OK;
   if (size > 0) result = found.record.read(local.file);
@@ -105,7 +116,7 @@ HRESULT message_handler::find(const target& local, state& found) const {
   if (result == S_OK) result = keyOf(backing, found.backingKey);
   if (result != S_OK) return result;
   if (found.backingKey == local.key) return E_INVALIDARG;  // it would be restored from itself
-  if (fstat(backing.get(), &status) != 0) return hostFailure();
+  if (fstat(backing.get(), &status) != 0) return hostFailure("fstat", backing);
   const auto total = static_cast<std::uint64_t>(status.st_size);
   if (size < restored || total < size) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   found.progress = {1, 1};  // for an empty file: 0 of 0 would be taken for no answer

@@ -57,6 +57,8 @@ class message_handler {
     HRESULT failed;
   };
 
+  HRESULT answer(const ControlMessage& message, pid_t sender, dev_t device, target& local,
+                 ProgressInfo& reply);
   static HRESULT keyOf(const descriptor& file, file_key& key);
   HRESULT find(const target& local, state& found) const;
   HRESULT start(const target& local, const RestoreStrategy& how);

@@ -1,7 +1,9 @@
 #include "restore_filter/port_server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,6 +13,7 @@
 
 #include "platform/posix/abstract_socket.h"
 #include "platform/posix/mount_table.h"
+#include "restore_filter/descriptor_limit.h"
 
 namespace {
 

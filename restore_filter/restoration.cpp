@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/posix/last_error.h"
+#include "restore_filter/log.h"
 
 namespace {
 
@@ -39,16 +39,16 @@ struct chunk {
 
 HRESULT sizeOf(const descriptor& file, std::uint64_t& size) {
   struct stat status {};
-  if (fstat(file.get(), &status) != 0) return hostFailure();
+  if (fstat(file.get(), &status) != 0) return hostFailure("fstat", file);
   size = static_cast<std::uint64_t>(status.st_size);
   return S_OK;
 }
 
-HRESULT readWhole(int file, const chunk& into) {
+HRESULT readWhole(const descriptor& file, const chunk& into) {
   for (std::size_t done = 0; done < into.size;) {
-    const ssize_t count = pread(file, into.bytes.get() + done, into.size - done,
+    const ssize_t count = pread(file.get(), into.bytes.get() + done, into.size - done,
                                 static_cast<off_t>(into.offset + done));
-    if (count < 0) return hostFailure();
+    if (count < 0) return hostFailure("pread", file);
     if (count == 0) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // it has become shorter
     done += static_cast<std::size_t>(count);
   }
@@ -133,7 +133,7 @@ HRESULT restoration::fill() {
     each.size = std::min(chunkSize, end - next);
     next += each.size;
     // In a thread of its own; if there is none, in this one when its turn comes.
-    each.read = std::async([&each, file = backing.get()] { return readWhole(file, each); });
+    each.read = std::async([this, &each] { return readWhole(backing, each); });
   };
   while (result == S_OK && next < end && begun + 1 < chunks.size()) readNext();
   for (std::size_t i = 0; result == S_OK && position < end && isRunning(); ++i) {
@@ -152,19 +152,19 @@ HRESULT restoration::write(const char* bytes, std::size_t size) {
   const std::lock_guard lock(writing);
   if (!isRunning()) return S_OK;
   struct stat status {};
-  if (fstat(local.get(), &status) != 0) return hostFailure();
+  if (fstat(local.get(), &status) != 0) return hostFailure("fstat", local);
   if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   const auto offset = static_cast<off_t>(position);
   const auto end = offset + static_cast<off_t>(size);
   if (status.st_size < offset) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // somebody cut it
   const bool isZeros = bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
   if (status.st_size == offset && isZeros) {
-    if (ftruncate(local.get(), end) != 0) return hostFailure();
+    if (ftruncate(local.get(), end) != 0) return hostFailure("ftruncate", local);
   } else {
     for (off_t at = offset; at < end;) {
       const ssize_t count =
           pwrite(local.get(), bytes + (at - offset), static_cast<std::size_t>(end - at), at);
-      if (count < 0) return hostFailure();
+      if (count < 0) return hostFailure("pwrite", local);
       at += count;
     }
     // On its way to the disk while the next is read: a sync has little left to wait for.
@@ -177,7 +177,7 @@ HRESULT restoration::write(const char* bytes, std::size_t size) {
 // Syncs what is written, and then says so in the record. After a failed sync nobody knows which
 // bytes were lost: the next start continues from the record.
 HRESULT restoration::save(bool isWhole) {
-  HRESULT result = fdatasync(local.get()) == 0 ? S_OK : hostFailure();
+  HRESULT result = fdatasync(local.get()) == 0 ? S_OK : hostFailure("fdatasync", local);
   if (result == S_OK) result = record.save(position, isWhole);
   if (result != S_OK) position = record.restored();
   return result;

@@ -8,12 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <string_view>
 
-#include "platform/posix/last_error.h"
 #include "platform/posix/utf16.h"
+#include "restore_filter/log.h"
 #include "zan_restore_filter.h"
 
 namespace {
@@ -24,26 +23,27 @@ const HRESULT malformed = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
-// Opens the stream `name` of a file with the open(2) `flags`; O_CREAT creates it.
+// Opens the stream `name` of a file with the open(2) `flags`. O_EXCL replaces one that exists.
 HRESULT openStream(const descriptor& local, const char* name, int flags, descriptor& stream) {
   struct stat file {};
-  if (fstat(local.get(), &file) != 0) return hostFailure();
+  if (fstat(local.get(), &file) != 0) return hostFailure("fstat", local);
   if (file.st_nlink == 0) return none;
-  std::string path(PATH_MAX, '\0');
-  const ssize_t length = readlink(procPathOf(local.get()).c_str(), path.data(), path.size());
-  if (length < 0) return hostFailure();
-  path.resize(static_cast<std::size_t>(length));
-  path.append(":").append(name);
+  const std::string path = pathOf(local) + ':' + name;
+  const std::size_t nameAt = path.rfind('/') + 1;
 
   open_how how{};
-  how.flags = static_cast<unsigned>(flags) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-  how.mode = (flags & O_CREAT) != 0 ? 0644 : 0;
+  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   how.resolve = RESOLVE_NO_SYMLINKS;  // a stranger may have put one in place of a folder
-  stream =
-      descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof(how))));
-  if (!stream.isOpen()) return errno == ENOENT ? none : hostFailure();
+  const descriptor folder(static_cast<int>(
+      syscall(SYS_openat2, AT_FDCWD, path.substr(0, nameAt).c_str(), &how, sizeof(how))));
+  if (!folder.isOpen()) return hostFailure("openat2", path);
+  const char* const streamName = path.c_str() + nameAt;
+  if ((flags & O_EXCL) != 0) unlinkat(folder.get(), streamName, 0);
+  stream = descriptor(
+      openat(folder.get(), streamName, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
+  if (!stream.isOpen()) return errno == ENOENT ? none : hostFailure("openat", path);
   struct stat found {};
-  if (fstat(stream.get(), &found) != 0) return hostFailure();
+  if (fstat(stream.get(), &found) != 0) return hostFailure("fstat", path);
   const bool isTrusted = isOurs(file) && isOurs(found) && S_ISREG(found.st_mode) &&
                          found.st_nlink == 1 && (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   return isTrusted ? S_OK : HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
@@ -57,7 +57,7 @@ HRESULT readStream(const descriptor& local, const char* name, std::size_t size,
   if (opened != S_OK) return opened;
   content.resize(size + 1);
   const ssize_t count = read(stream.get(), content.data(), content.size());
-  if (count < 0) return hostFailure();
+  if (count < 0) return hostFailure("read", stream);
   content.resize(static_cast<std::size_t>(count));
   return S_OK;
 }
@@ -101,7 +101,11 @@ HRESULT progress_record::read(const descriptor& local) {
 
 HRESULT progress_record::open(const descriptor& local) {
   const HRESULT result = openStream(local, recordName, O_RDWR, stream);
-  return result == none ? openStream(local, recordName, O_RDWR | O_CREAT | O_EXCL, stream) : result;
+  const bool isOld = result == S_OK && content.restored == 0;
+  if (result != none && !isOld) return result;
+  // An old one is replaced: a file that had this name may still be restored, and write into it.
+  stream = descriptor();  // NTFS removes no open stream
+  return openStream(local, recordName, O_RDWR | O_CREAT | O_EXCL, stream);
 }
 
 bool progress_record::write(const layout& next) const {
@@ -118,7 +122,7 @@ HRESULT progress_record::save(std::uint64_t restored, bool isWhole) {
     content = next;
     return S_OK;
   }
-  const HRESULT failed = hostFailure();
+  const HRESULT result = hostFailure("write and sync", stream);
   write(content);
-  return failed;
+  return result;
 }

@@ -34,7 +34,7 @@ class progress_record {
   /// Reads the stream of the file that `local` is open on. S_OK, or ERROR_NOT_FOUND as an HRESULT
   /// if there is none, or one of another file or backing path, or a malformed one.
   HRESULT read(const descriptor& local);
-  /// Opens the stream for save(), and creates it if there is none.
+  /// Opens the stream for save(). Creates it anew unless it has been read.
   HRESULT open(const descriptor& local);
   /// Replaces the stream's content, in one write, and syncs it. A failure leaves it as it was.
   HRESULT save(std::uint64_t restored, bool isWhole);

@@ -291,7 +291,7 @@ class ControlUnderWine(story):
                  r"0x00000000\n(.*\n)*# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
             status, output = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
             self.assertEqual(status, 1, output[-500:])
-            self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
+            self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# zan_filter_check \d+\.\d+\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
 
 
 class WithRestoreFilter(story):

@@ -2,10 +2,8 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 
 /// A name in the abstract name space of Unix sockets (unix(7)). A name that is

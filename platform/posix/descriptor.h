@@ -1,6 +1,5 @@
 #pragma once
 
-#include <sys/resource.h>
 #include <unistd.h>
 #include <windows.h>
 
@@ -39,11 +38,3 @@ class descriptor {
 
 /// A path to what a descriptor of this process is open on.
 inline std::string procPathOf(int number) { return "/proc/self/fd/" + std::to_string(number); }
-
-/// Whether the process may still open `count` descriptors, as seen from the one that was
-/// opened last: they are handed out lowest first.
-inline bool leavesFree(const descriptor& last, int count) {
-  rlimit most{};
-  getrlimit(RLIMIT_NOFILE, &most);
-  return static_cast<long>(most.rlim_cur) - 1 - last.get() >= count;
-}

@@ -6,6 +6,7 @@
 
 #include <fltuser.h>
 #include <sys/uio.h>
+#include <unistd.h>
 #include <windows.h>
 
 #include <array>

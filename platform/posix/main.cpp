@@ -33,7 +33,7 @@ bool keepStandardDescriptors() {
 
 int main(int argc, char** argv) {
   if (!keepStandardDescriptors()) {
-    std::cerr << "zan_restore: out of file descriptors" << std::endl;
+    std::cerr << ZAN_PROGRAM ": out of file descriptors" << std::endl;
     return 1;
   }
   // A reader that has gone and a file size limit must be failed writes, not signals that
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
   const std::unique_ptr<wchar_t*[]> arguments(new (std::nothrow)
                                                   wchar_t*[static_cast<std::size_t>(argc) + 1]());
   if (!text || !arguments) {
-    std::cerr << "zan_restore: out of memory" << std::endl;
+    std::cerr << ZAN_PROGRAM ": out of memory" << std::endl;
     return 1;
   }
   wchar_t* next = text.get();

@@ -25,11 +25,18 @@ function(windows_executable name description)
     # The manifest is a resource, and DLLs are looked for in System32 only.
     target_link_options(${name} PRIVATE
       /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
-      /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT)
+      /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT /DEBUG /OPT:REF /OPT:ICF)
+    install(FILES $<TARGET_PDB_FILE:${name}> DESTINATION . COMPONENT symbols)
   else()
     target_sources(${name} PRIVATE platform/windows/delayed_fltlib.cpp)
     target_link_options(${name} PRIVATE
-      -municode -mconsole -s
+      -municode -mconsole
       -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat -Wl,--no-insert-timestamp)
+    set(debug ${PROJECT_BINARY_DIR}/${name}.debug)
+    add_custom_command(TARGET ${name} POST_BUILD
+      COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug $<TARGET_FILE:${name}> ${debug}
+      COMMAND ${CMAKE_STRIP} -p $<TARGET_FILE:${name}>
+      COMMAND ${CMAKE_OBJCOPY} -p --add-gnu-debuglink=${debug} $<TARGET_FILE:${name}>)
+    install(FILES ${debug} DESTINATION . COMPONENT symbols)
   endif()
 endfunction()

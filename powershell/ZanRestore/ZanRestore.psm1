@@ -56,8 +56,8 @@ function Invoke-Tool([string[]] $Words) {
         $hresult = 0
         if ($process.ExitCode -ne 0) {
             $hresult = $script:generalFailure
-            # The diagnosis' fourth line begins with the HRESULT; "0x...[" when the function follows it.
-            if ($text -match '(?m)^0x([0-9a-f]{1,8})(?:\[|\r?$)') {
+            # The diagnosis' fourth line begins with the HRESULT, and the function follows.
+            if ($text -match '(?m)^0x([0-9a-f]{1,8})\[') {
                 $hresult = [Convert]::ToInt32($Matches[1], 16)
             } elseif ($text -match '^(?:create|writing) .* failed: ([0-9a-f]{1,4})$') {
                 $hresult = [Convert]::ToInt32('8007' + $Matches[1].PadLeft(4, '0'), 16)
