@@ -90,13 +90,13 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
 
 int check(const fs::path& folder, const fs::path& backing, const std::wstring& as, long limit) {
   for (const fs::path& each : {folder, backing}) {
-    if (!fs::is_directory(each)) return endWith(each.string() + ": not a folder");
+    if (!fs::is_directory(each)) return endWith(zan::textOf(each) + ": not a folder");
     if (fs::space(each).available < 256 << 20)
-      return endWith(each.string() + ": less than 256 MiB free");
+      return endWith(zan::textOf(each) + ": less than 256 MiB free");
   }
   if (fs::equivalent(folder, backing)) return endWith("FOLDER and BACKING_FOLDER are the same");
   const std::wstring volumeId = getVolumeId(zan::widePath(folder));
-  if (volumeId.empty()) return endWith(folder.string() + ": no volume id");
+  if (volumeId.empty()) return endWith(zan::textOf(folder) + ": no volume id");
   // Asked before anything is made.
   const auto instances = zan::fsfilter::findFilterInstances(RESTORE_FILTER_NAME);
   const auto here = std::count_if(instances.begin(), instances.end(),

@@ -62,7 +62,7 @@ inline void expect(bool holds, const std::string& expected) {
 inline void expect(HRESULT came, HRESULT expected) { expect(came == expected, hex(expected)); }
 
 [[noreturn]] inline void failWith(const std::string& what, const fs::path& file) {
-  throw std::runtime_error(what + ' ' + file.string());
+  throw std::runtime_error(what + ' ' + zan::textOf(file));
 }
 
 inline std::string contentOf(const fs::path& file) {
@@ -115,7 +115,7 @@ struct own_folder {
       if (i > 0) std::this_thread::sleep_for(20ms);  // the filter is still at work in it
       fs::remove_all(path, error);
     }
-    if (error) std::cerr << "zan_filter_check: stays: " << path << '\n';
+    if (error) std::cerr << "zan_filter_check: could not remove " + zan::textOf(path) + '\n';
   }
   own_folder(const own_folder&) = delete;
   own_folder& operator=(const own_folder&) = delete;
@@ -244,8 +244,9 @@ class trial {
         reinterpret_cast<std::uintptr_t>(handle), {what.operation, strategy}, what.unused};
     const auto code = static_cast<std::uint32_t>(what.operation);
     log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
-                  file.filename().string() + ", n = " + std::to_string(strategy.concurrentReads) +
-                  ", " + std::to_string(what.size) + " bytes: ");
+                  zan::textOf(file.filename()) +
+                  ", n = " + std::to_string(strategy.concurrentReads) + ", " +
+                  std::to_string(what.size) + " bytes: ");
     std::string bytes(std::max(what.size, sizeof(message)), '\0');
     std::memcpy(bytes.data(), &message, sizeof(message));
     bytes.resize(what.size);

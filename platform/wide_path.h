@@ -16,7 +16,7 @@ inline std::filesystem::path hostPath(const std::wstring& path) {
   return bytes;
 }
 
-/// And back, for the system's calls.
+/// The wide path of a path, for the system's calls.
 inline std::wstring widePath(const std::filesystem::path& path) {
   const std::u8string bytes = path.u8string();
   std::wstring units(bytes.size(), L'\0');
@@ -24,6 +24,13 @@ inline std::wstring widePath(const std::filesystem::path& path) {
   units.resize(static_cast<std::size_t>(MultiByteToWideChar(
       CP_UTF8, 0, reinterpret_cast<const char*>(bytes.data()), size, units.data(), size)));
   return units;
+}
+
+/// The text of a path in UTF-8, for messages. path::string() throws on Windows if the ANSI code
+/// page cannot spell it.
+inline std::string textOf(const std::filesystem::path& path) {
+  const std::u8string bytes = path.u8string();
+  return {bytes.begin(), bytes.end()};
 }
 
 }  // namespace zan

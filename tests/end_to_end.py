@@ -285,6 +285,9 @@ class ControlUnderWine(story):
                 self.assertEqual(self.control(*words, "c:\\local", **settings), expected)
 
     def test_check(self):
+        missing = "c:\\\u4e2d\u6587"
+        self.assertEqual(self.control(missing, "back", program=CHECK),
+                         (1, "zan_filter_check: %s: not a folder\n" % missing))
         for settings, ending in (
                 ({"FLTLIB_FIND": "801f0013"}, r"Bail out! no instance of zan_restore_filter on the volume\n.*\n"),
                 ({"FLTLIB_SEND": "80070057"}, r"#   ping of file1, n = 0, 24 bytes: 0x80070057\n#   the contract asks for "

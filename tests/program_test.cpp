@@ -258,7 +258,7 @@ TEST(Control, PrintsItsStepsAndItsFailures) {
        connect + failed + "80070002\n"},
   };
   const std::regex diagnosis(
-      "fsfilter.filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
+      ".*fsfilter.filter_port.cpp\\(52\\): Throw in function .*sendMessage.*\n"
       "Dynamic exception type: .*wrapexcept.*result_exception.*\n"
       "std::exception::what: .+\n"
       "(0x[0-9a-f]+)\\[.*errinfo_api_function_.*\\] = FilterSendMessage\n\n");

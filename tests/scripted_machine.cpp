@@ -34,10 +34,7 @@ struct outside_program {
 
 }  // namespace
 
-std::string utf8(const std::wstring& text) {
-  const std::u8string bytes = zan::hostPath(text).u8string();
-  return {bytes.begin(), bytes.end()};
-}
+std::string utf8(const std::wstring& text) { return zan::textOf(zan::hostPath(text)); }
 
 outcome run(const std::wstring& arguments, int allocation) {
   std::vector<std::wstring> words;
