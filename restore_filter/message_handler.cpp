@@ -19,7 +19,7 @@ namespace {
 
 constexpr int mostReads = 64;  // a larger n is served as this many
 // Descriptors that restorations leave to others before they open the local file and its record.
-constexpr int reservedDescriptors = 13;
+constexpr int reservedDescriptors = 14;
 
 const HRESULT busy = HRESULT_FROM_WIN32(ERROR_BUSY);
 
@@ -136,15 +136,17 @@ HRESULT message_handler::start(const target& local, const RestoreStrategy& how) 
   state found{progress_record(local.key.second, local.backingPath)};
   HRESULT result = find(local, found);
   if (result != S_OK) return result;
-  if (!found.backing.isOpen()) {
-    jobs.erase(local.key);
-    return S_OK;
-  }
-  if (earlier.work) {  // it is stopped
-    if (earlier.backingKey == found.backingKey && earlier.work->wake(reads)) return S_OK;
+  const bool isWhole = !found.backing.isOpen();
+  if (earlier.work) {  // it is stopped, and may have yet to sync that the file is whole
+    const bool isSame = isWhole || earlier.backingKey == found.backingKey;
+    if (isSame && earlier.work->wake(reads)) return S_OK;
     if (!earlier.work->hasEnded()) return busy;
     jobs.erase(local.key);
     return start(local, how);  // it ended a moment ago: its record has changed
+  }
+  if (isWhole) {
+    jobs.erase(local.key);
+    return S_OK;
   }
   if (!leavesFree(found.backing, reservedDescriptors)) {
     return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);

@@ -20,7 +20,8 @@ namespace {
 constexpr std::uint64_t chunkSize = 512 * 1024;              // bytes of one read
 constexpr std::uint64_t saveInterval = 64ULL * 1024 * 1024;  // bytes
 
-// All restorations share the reads beyond each one's first: 64 MiB of buffers in all.
+// All restorations share the reads beyond each one's first: 64 MiB of buffers, and 1 MiB for each
+// file, which is read and written.
 std::counting_semaphore<> sharedReads(128);
 struct read_share {
   explicit read_share(int wanted) {
@@ -106,6 +107,8 @@ void restoration::run() {
 HRESULT restoration::restore() {
   if (record.isWhole()) return S_OK;
   HRESULT result = save(false);  // before the first byte is written
+  // After a failed sync the cache may have bytes that the disk lacks, and never write them.
+  posix_fadvise(local.get(), 0, 0, POSIX_FADV_DONTNEED);
   std::uint64_t end = UINT64_MAX;
   while (result == S_OK && position != end && isRunning()) {
     result = fill();
@@ -142,6 +145,9 @@ HRESULT restoration::fill() {
     result = each.read.get();
     if (next < end) readNext();
     if (result == S_OK) result = write(each.bytes.get(), each.size);
+    // On its way to the disk while the next is read: a sync has little left to wait for.
+    sync_file_range(local.get(), static_cast<off_t>(each.offset), static_cast<off_t>(each.size),
+                    SYNC_FILE_RANGE_WRITE);
     if (result == S_OK && position - record.restored() >= saveInterval) result = save(false);
   }
   return result;
@@ -164,11 +170,9 @@ HRESULT restoration::write(const char* bytes, std::size_t size) {
     for (off_t at = offset; at < end;) {
       const ssize_t count =
           pwrite(local.get(), bytes + (at - offset), static_cast<std::size_t>(end - at), at);
-      if (count < 0) return hostFailure("pwrite", local);
+      if (count <= 0) return hostFailure("pwrite", local);
       at += count;
     }
-    // On its way to the disk while the next is read: a sync has little left to wait for.
-    sync_file_range(local.get(), offset, static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE);
   }
   position = static_cast<std::uint64_t>(end);
   return S_OK;
@@ -177,7 +181,11 @@ HRESULT restoration::write(const char* bytes, std::size_t size) {
 // Syncs what is written, and then says so in the record. After a failed sync nobody knows which
 // bytes were lost: the next start continues from the record.
 HRESULT restoration::save(bool isWhole) {
+  std::uint64_t size = 0;
   HRESULT result = fdatasync(local.get()) == 0 ? S_OK : hostFailure("fdatasync", local);
+  if (result == S_OK) result = sizeOf(local, size);
+  const bool isChanged = isWhole && size != position;  // by somebody else
+  if (result == S_OK && isChanged) result = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   if (result == S_OK) result = record.save(position, isWhole);
   if (result != S_OK) position = record.restored();
   return result;

@@ -100,7 +100,9 @@ HRESULT progress_record::read(const descriptor& local) {
 }
 
 HRESULT progress_record::open(const descriptor& local) {
-  const HRESULT result = openStream(local, recordName, O_RDWR, stream);
+  HRESULT result = openStream(local, RESTORE_TAG_STREAM_NAME_A, O_RDONLY, tag);
+  if (result != S_OK) return result;
+  result = openStream(local, recordName, O_RDWR, stream);
   const bool isOld = result == S_OK && content.restored == 0;
   if (result != none && !isOld) return result;
   // An old one is replaced: a file that had this name may still be restored, and write into it.
@@ -118,7 +120,9 @@ bool progress_record::write(const layout& next) const {
 
 HRESULT progress_record::save(std::uint64_t restored, bool isWhole) {
   const layout next{content.local, isWhole ? 1U : 0U, restored};
-  if (write(next) && fdatasync(stream.get()) == 0) {
+  const bool isTagSynced = !tag.isOpen() || fdatasync(tag.get()) == 0;
+  if (isTagSynced && write(next) && fdatasync(stream.get()) == 0) {
+    tag = descriptor();
     content = next;
     return S_OK;
   }

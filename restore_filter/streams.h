@@ -36,7 +36,8 @@ class progress_record {
   HRESULT read(const descriptor& local);
   /// Opens the stream for save(). Creates it anew unless it has been read.
   HRESULT open(const descriptor& local);
-  /// Replaces the stream's content, in one write, and syncs it. A failure leaves it as it was.
+  /// Replaces the stream's content, in one write, and syncs it; the first time also the tag,
+  /// without which a record is nothing. A failure leaves the content as it was.
   HRESULT save(std::uint64_t restored, bool isWhole);
 
   /// Up to which byte the file is restored and on the disk; its length then if it is whole.
@@ -57,4 +58,5 @@ class progress_record {
   layout content;
   std::string backingPath;
   descriptor stream;
+  descriptor tag;  // until it is synced
 };

@@ -547,17 +547,19 @@ class WithFailingCalls(story):
         self.stop_filter(self.filter)
 
     def test_is_whole_when_the_record_says_so_on_the_disk(self):
-        # Syncs of a thread: file and record before the first byte, file and record at the end.
-        for fault, status in (("error=EIO:when=3", IO_ERROR), ("error=ENOSPC:when=4", FULL), ("error=EIO:when=1", IO_ERROR)):
+        # Syncs of a thread: file, tag and record before the first byte, file and record at the end.
+        for fault, status in (("error=EIO:when=1", IO_ERROR), ("error=EIO:when=2", IO_ERROR), ("error=EIO:when=4", IO_ERROR),
+                              ("error=ENOSPC:when=5", FULL)):
             with self.subTest(fault):
+                isEmpty = fault[-1] in "12"
                 self.set_up_file(fault)
                 self.start_filter(*STRACE, "inject=fdatasync:" + fault)
                 self.start(fault)
                 eventually(lambda: progress(fault) == status)
-                self.assertEqual(os.path.getsize(fault), 0 if "when=1" in fault else len(self.content))
+                self.assertEqual(os.path.getsize(fault), 0 if isEmpty else len(self.content))
                 self.assertEqual((send("--stopAggressiveRestore", fault), progress(fault)), (0, (0, len(self.content))))
                 self.stop_filter(self.filter)
-                if os.path.getsize(fault) > 0:  # what was lost
+                if not isEmpty:  # what was lost
                     with open(fault, "r+b") as local:
                         os.pwrite(local.fileno(), bytes(4096), 1 << 20)
                 self.start_filter()
@@ -566,25 +568,33 @@ class WithFailingCalls(story):
                 self.stop_filter(self.filter)
 
     def test_stop_and_start_during_a_slow_sync(self):
-        self.set_up_file("local")
-        self.start_filter(*STRACE, "inject=fdatasync:delay_enter=2s:when=3")
-        self.start("local")
-        eventually(lambda: os.path.getsize("local") == len(self.content))
-        self.start("local", 2, BUSY)
         tag = "local:restore_filter_tag"
-        for _ in range(3):
-            self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
-            os.rename(tag, "kept")
-            shutil.copy("back/data", "back/other")
-            self.set_up_file("other", "c:\\other")
-            os.rename("other:restore_filter_tag", tag)
-            os.unlink("other")
-            self.start("local", 2, BUSY)  # it is still at work for the other backing path
-            os.rename("kept", tag)
+        shutil.copy("back/data", "back/other")
+        self.set_up_file("other", "c:\\other")
+        for fault, change, end in (
+                ("delay_enter=1s:when=4", lambda: None, (len(self.content),) * 2), ("error=EIO:delay_enter=1s:when=5", lambda: None, IO_ERROR),
+                ("delay_enter=1s:when=4", lambda: os.truncate("local", 5), TOO_SHORT)):
+            self.set_up_file("local")
+            self.start_filter(*STRACE, "inject=fdatasync:" + fault)
             self.start("local")
-            self.assertLess(*progress("local"))
-            self.assertEqual(self.threads_of_filter(), 2)  # the one that waits is woken
-        self.ends_with("local", self.content)
+            eventually(lambda: os.path.getsize("local") == len(self.content))
+            self.start("local", 2, BUSY)
+            change()
+            for _ in (1, 2):
+                self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+                os.rename(tag, "kept")
+                os.rename("other:restore_filter_tag", tag)
+                self.start("local", 2, BUSY)  # it still works for the other backing path
+                os.rename(tag, "other:restore_filter_tag")
+                os.rename("kept", tag)
+                if end != TOO_SHORT:
+                    self.start("local")
+                    self.assertLess(*progress("local"))
+                    self.assertEqual(self.threads_of_filter(), 2)  # the one that waits is woken
+            eventually(lambda: progress("local") == end)
+            self.stop_filter(self.filter)
+            for name in ("local", tag, "local:restore_filter_progress"):
+                os.unlink(name)
 
     def test_stops_and_limits_while_reads_are_slow(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
