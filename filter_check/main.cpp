@@ -1,5 +1,5 @@
-// zan_filter_check: tells, statement by statement, whether a restore filter keeps its
-// contract. It prints TAP, version 13.
+// zan_filter_check: checks a restore filter against the contract, statement by statement. Prints
+// TAP, version 13.
 
 #include <csignal>
 #include <cwchar>
@@ -39,7 +39,7 @@ bool isAnswering(trial& t) try {
 
 enum class outcome { holds, fails, untried };
 
-// Tries one statement and prints its line, and behind a "not ok" what led to it.
+// Tries one statement and prints its line; after a "not ok" also what was sent and expected.
 outcome tryOne(trial& t, const statement& tried, const statement::row& row, int number) {
   std::string line = std::to_string(number) + " - " + tried.text;
   if (const std::size_t at = line.find("{}"); at != line.npos) line.replace(at, 2, row.text);
@@ -58,7 +58,7 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
     for (auto each = t.log.end() - shown; each != t.log.end(); ++each) {
       std::cout << "#   " << *each << '\n';
     }
-    std::cout << "#   the contract asks for " << failed.expected << std::endl;
+    std::cout << "#   expected: " << failed.expected << std::endl;
     return outcome::fails;
   }
 }
@@ -77,13 +77,13 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
       ++count[static_cast<int>(result)];
       if (result != outcome::fails || (!each.isVital && isAnswering(t))) continue;
       const std::string why =
-          each.isVital ? "no " + each.text : "the filter does not answer any more";
+          each.isVital ? "nothing else can be tried" : "the filter no longer answers";
       std::cout << "Bail out! " << why << std::endl;
       return endWith(why);
     }
   }
-  std::cout << "# " << plan << " statements: " << count[0] << " hold, " << count[1] << " do not, "
-            << count[2] << " not tried" << std::endl;
+  std::cout << "# " << plan << " statements: " << count[0] << " passed, " << count[1] << " failed, "
+            << count[2] << " skipped" << std::endl;
   if (!std::cout) return endWith("cannot write the results");
   return count[1] == 0 ? 0 : 1;
 }
@@ -97,7 +97,7 @@ int check(const fs::path& folder, const fs::path& backing, const std::wstring& a
   if (fs::equivalent(folder, backing)) return endWith("FOLDER and BACKING_FOLDER are the same");
   const std::wstring volumeId = getVolumeId(zan::widePath(folder));
   if (volumeId.empty()) return endWith(zan::textOf(folder) + ": no volume id");
-  // Asked before anything is made.
+  // Listed before anything is created.
   const auto instances = zan::fsfilter::findFilterInstances(RESTORE_FILTER_NAME);
   const auto here = std::count_if(instances.begin(), instances.end(),
                                   [&](const auto& each) { return each.volumeId == volumeId; });

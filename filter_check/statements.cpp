@@ -23,14 +23,14 @@ auto stopped(trial& t) {
       [&](auto& file) { expect(t.send(file, {StopAggressiveRestore}).result, S_OK); });
 }
 
-// A filter that has come to its limit takes more files when others are whole.
+// A filter at its limit takes more files when others are whole.
 void restoreAtOnce(trial& t, std::int64_t count) {
   std::list<std::pair<fs::path, std::uint64_t>> begun;
   for (std::uint64_t i = 0; i < static_cast<std::uint64_t>(count); ++i) {
     const std::uint64_t size = 1 + i % 10 * 200000;
     const fs::path file = t.newFile(size);
     while (t.start(file) != S_OK) {
-      expect(!begun.empty(), "a start, when no other file is being restored");
+      expect(!begun.empty(), "a start succeeds if no other file is being restored");
       t.untilWhole(begun.front().first, begun.front().second);
       begun.pop_front();
     }
@@ -47,17 +47,27 @@ std::string changedTag(const trial& t, const row& change) {
   return tag;
 }
 
-// Nothing can be restored. The answer to the start says so, or may say so later.
-void expectFailure(trial& t, const fs::path& file, bool mayBegin = true) {
+void expectEmpty(const fs::path& file) { expect(contentOf(file).empty(), "the file stays empty"); }
+
+// A start that must be refused, with a code of the filter's choice.
+void expectRefusal(trial& t, const fs::path& file) {
+  const HRESULT result = t.start(file);
+  expect(result != S_OK, "the start is refused");
+  t.choice = hex(result);
+  expectEmpty(file);
+}
+
+// Nothing can be restored. The start says so, or a progress query after it.
+void expectFailure(trial& t, const fs::path& file) {
   HRESULT result = t.start(file);
   t.choice = result == S_OK ? "begins, then " : "";
   for (int tries = 0; result == S_OK; ++tries) {
-    expect(mayBegin && tries < 500, mayBegin ? "a failure, at once or later" : "a refusal");
+    expect(tries < 500, "a failure, at once or later");
     pauseFor(20ms);
     result = t.send(file, {.operation = QueryProgress, .room = sizeof(ProgressInfo)}).result;
   }
   t.choice += hex(result);
-  expect(contentOf(file).empty(), "that the file is left as it was, empty");
+  expectEmpty(file);
 }
 
 }  // namespace
@@ -73,29 +83,29 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     addEach(
         text, {0}, [check](trial& t, auto&) { check(t); }, isVital);
   };
-  const auto addPing = [&] {
-    add("a ping succeeds", [](auto& t) { expect(t.send(t.newFile(), {}).result, S_OK); });
+  const auto addPing = [&](const char* text) {
+    add(text, [](auto& t) { expect(t.send(t.newFile(), {}).result, S_OK); });
   };
 
   add(
-      "instance of zan_restore_filter on the volume",
-      [=](auto&) { expect(instances > 0, "one instance for each volume"); }, true);
-  add("no second instance there",
-      [=](auto&) { expect(instances == 1, "one instance for each volume"); });
+      "zan_restore_filter has an instance on the volume",
+      [=](auto&) { expect(instances > 0, "one instance per volume"); }, true);
+  add("zan_restore_filter has no second instance on the volume",
+      [=](auto&) { expect(instances == 1, "one instance per volume"); });
   add(
-      "connection to the port with the volume's name",
+      "the port with the volume's name accepts a connection",
       [](auto& t) { const file_handle port(t.connect()); }, true);
-  addPing();
+  addPing("a ping succeeds");
 
   heading = "The connection";
-  addEach("a context of {} bytes is refused", {0, 39, 41, 4096}, [](auto& t, auto& r) {
+  addEach("a context of size {} is refused", {0, 39, 41, 4096}, [](auto& t, auto& r) {
     const auto [result, opened] = t.tryConnect(static_cast<std::size_t>(r.value));
     const file_handle port(opened);
     expect(result, E_INVALIDARG);
   });
   add("the content of the context means nothing",
       [](auto& t) { const file_handle port(t.connect('\xFF')); });
-  addEach("{} connections at once are served", {8}, [](auto& t, auto& r) {
+  addEach("{} connections at the same time are served", {8}, [](auto& t, auto& r) {
     std::list<file_handle> ports;
     for (int i = 0; i < r.value; ++i) ports.emplace_back(t.connect());
     expect(t.send(t.newFile(), {}).result, S_OK);
@@ -108,32 +118,31 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   heading = "The message";
   add("fields that the operation does not use are ignored",
       [](auto& t) { expect(t.send(t.newFile(), {.unused = UINT32_MAX}).result, S_OK); });
-  add("the handle is used only while the message is handled", [](auto& t) {
+  add("the handle's number is not used after the message is handled", [](auto& t) {
     const fs::path file = t.newFile(severalChunks);
     const fs::path other = t.newFile();
     expect(t.start(file), S_OK);
     std::list<file_handle> sameNumbers;
     for (int i = 0; i < 8; ++i) sameNumbers.emplace_back(openFile(other));
     t.untilWhole(file, severalChunks);
-    expect(contentOf(other).empty(), "nothing in the file that has its number now");
+    expect(contentOf(other).empty(), "a file whose handle has the same number stays empty");
   });
 
   heading = "Checks";
-  addEach("a message of {} bytes is refused", {0, 1, 8, 12, 20, 23, 25, 28, 48, 4096},
+  addEach("a message of size {} is refused", {0, 1, 8, 12, 20, 23, 25, 28, 48, 4096},
           [](auto& t, auto& r) { t.expectRefused({.size = static_cast<std::size_t>(r.value)}); });
   addEach("operation {} is refused", {4, 5, 0x80000000, UINT32_MAX},
           [](auto& t, auto& r) { t.expectRefused({static_cast<ControlOperation>(r.value)}); });
-  addEach("a handle that has {} besides is refused", {{"bit 16", 16}, {"bit 40", 40}},
-          [](auto& t, auto& r) {
-            const file_handle file(openFile(t.newFile()));
-            const auto handle = reinterpret_cast<std::uintptr_t>(file.get()) | 1ULL << r.value;
-            t.expectRefused({.handle = reinterpret_cast<HANDLE>(handle)});
-          });
+  addEach("a handle with bit {} also set is refused", {16, 40}, [](auto& t, auto& r) {
+    const file_handle file(openFile(t.newFile()));
+    const auto handle = reinterpret_cast<std::uintptr_t>(file.get()) | 1ULL << r.value;
+    t.expectRefused({.handle = reinterpret_cast<HANDLE>(handle)});
+  });
   add("a closed handle is refused", [](auto& t) { t.expectRefused({.isClosed = true}); });
   add("a handle of a folder is refused", [](auto& t) {
     const file_handle folder(openFile(t.folder.path, FILE_FLAG_BACKUP_SEMANTICS));
     const HRESULT result = t.send(t.newFile(), {.handle = folder.get()}).result;
-    expect(result < 0, "a refusal");
+    expect(result < 0, "the handle is refused");
     t.choice = hex(result);
   });
   add("a handle of a pipe is refused", [](auto& t) {
@@ -148,21 +157,22 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     t.expectRefused({.handle = port.get()});
   });
   add("a handle of a file on another volume is refused", [=](auto& t) {
-    if (isOneVolume) throw untried{"both folders lie on one volume"};
+    if (isOneVolume) throw untried{"both folders are on one volume"};
     const file_handle other(openFile(t.backing(1)));
     t.expectRefused({.handle = other.get()});
   });
-  add("a backing file that is the local file is refused", [](auto& t) {
-    const std::wstring itself = zan::widePath(fs::absolute(t.nextFile()));
-    expectFailure(t, t.newFile(tagFor(itself)), false);
+  add("a tag whose backing file is the local file is refused", [](auto& t) {
+    const fs::path file = t.nextFile();
+    expect(t.start(t.newFile(tagFor(zan::widePath(fs::absolute(file))))), E_INVALIDARG);
+    expectEmpty(file);
   });
-  addEach("a tag of {} bytes is refused", {0, 36, 16375, 16377}, [](auto& t, auto& r) {
+  addEach("a tag of size {} is refused", {0, 36, 16375, 16377}, [](auto& t, auto& r) {
     std::string tag = t.tagOf(5000);
     tag.resize(static_cast<std::size_t>(r.value));
-    expectFailure(t, t.newFile(tag), false);
+    expectRefusal(t, t.newFile(tag));
   });
   addEach("a tag with {} is refused",
-          {{"another tag", 1, offsetof(RestoreTagRecord, tag)},
+          {{"another tag number", 1, offsetof(RestoreTagRecord, tag)},
            {"another dataLength", 1, offsetof(RestoreTagRecord, dataLength)},
            {"another guid", 1, offsetof(RestoreTagRecord, guid) + 14},
            {"pathOffset 0", 8, offsetof(RestoreTagRecord, pathOffset)},
@@ -171,70 +181,78 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
            {"an odd pathLength", 1, offsetof(RestoreTagRecord, pathLength)},
            {"a pathLength beyond the path", 0x4000, offsetof(RestoreTagRecord, pathLength)},
            {"a pathLength beyond the tag", 0x8000, offsetof(RestoreTagRecord, pathLength)}},
-          [](auto& t, auto& r) { expectFailure(t, t.newFile(changedTag(t, r)), false); });
-  addEach("a tag with {} restores nothing",
+          [](auto& t, auto& r) { expectRefusal(t, t.newFile(changedTag(t, r))); });
+  addEach("nothing is restored by a tag with {}",
           {{"an empty path", 0, offsetof(RestoreTagRecord, pathLength)},
            {"a zero in its path", 0, offsetof(RestoreTagRecord, path) + 8}},
           [](auto& t, auto& r) {
             expectFailure(t, t.newFile(t.tagOf(5000).replace(r.offset, 2, 2, '\0')));
           });
-  addEach("n = {}", {INT_MIN, -1, 0}, [](auto& t, auto& r) {
+  addEach("a start with n = {} is answered", {INT_MIN, -1, 0}, [](auto& t, auto& r) {
     t.choice = hex(t.start(t.newFile(5000), static_cast<std::int32_t>(r.value)));
   });
-  addPing();
+  addPing("a ping succeeds after refused messages and tags");
 
   heading = "Rights";
-  add("a tag gives nobody what he may not read",
-      [](auto&) { throw untried{"it takes a second user"}; });
+  add("a tag lets no user read a file that they may not read",
+      [](auto&) { throw untried{"this needs a second user"}; });
 
   heading = "The answer";
-  addEach("a reply buffer of {} bytes gets what fits", {0, 8, 15, 16, 100}, [](auto& t, auto& r) {
-    const fs::path file = newlyRestored(t, 5000);
-    const auto room = static_cast<std::size_t>(r.value);
-    const answer full = t.send(file, {.operation = QueryProgress, .room = sizeof(ProgressInfo)});
-    const answer came = t.send(file, {.operation = QueryProgress, .room = room});
-    expect(came.result, S_OK);
-    expect(came.reply == full.reply.substr(0, room), "as much of the 16 bytes as fits");
-  });
+  addEach("a reply buffer of size {} gets the bytes that fit", {0, 8, 15, 16, 100},
+          [](auto& t, auto& r) {
+            const fs::path file = newlyRestored(t, 5000);
+            const auto room = static_cast<std::size_t>(r.value);
+            const answer full =
+                t.send(file, {.operation = QueryProgress, .room = sizeof(ProgressInfo)});
+            const answer came = t.send(file, {.operation = QueryProgress, .room = room});
+            expect(came.result, S_OK);
+            expect(came.reply == full.reply.substr(0, room),
+                   "the first bytes of the 16, as many as fit");
+          });
 
   heading = "What a filter does, message by state";
-  const std::vector<row> operations = {{"ping", 0}, {"start", 1}, {"stop", 2}, {"query", 3}};
-  const auto addState = [&](const char* text, auto bring) {
-    addEach(text, operations, [bring](auto& t, auto& r) {
-      bring(t, [&](const fs::path& file) { t.tell(file, static_cast<ControlOperation>(r.value)); });
+  const auto operationsOn = [](const std::string& file, const char* ofPing) {
+    return std::vector<row>{{"a ping of " + file + ofPing, 0},
+                            {"a start of " + file + " is answered", 1},
+                            {"a stop of " + file + " is answered", 2},
+                            {"a progress query of " + file + " is answered", 3}};
+  };
+  const auto addState = [&](const char* file, auto bring) {
+    addEach("{}", operationsOn(file, " succeeds"), [bring](auto& t, auto& r) {
+      bring(t, [&](const fs::path& path) { t.tell(path, static_cast<ControlOperation>(r.value)); });
     });
   };
-  addState("has no tag: {}", [](auto& t, auto tell) { tell(t.newFile()); });
-  addState("is tagged and idle: {}", [](auto& t, auto tell) { tell(t.newFile(5000)); });
-  addState("is being restored: {}", [](auto& t, auto tell) { t.whileRestoring(tell); });
-  addState("was stopped: {}", [](auto& t, auto tell) { tell(stopped(t).first); });
-  addState("is whole: {}", [](auto& t, auto tell) {
+  addState("a file without a tag", [](auto& t, auto tell) { tell(t.newFile()); });
+  addState("an idle file", [](auto& t, auto tell) { tell(t.newFile(5000)); });
+  addState("a file that is being restored", [](auto& t, auto tell) { t.whileRestoring(tell); });
+  addState("a stopped file", [](auto& t, auto tell) { tell(stopped(t).first); });
+  addState("a whole file", [](auto& t, auto tell) {
     const fs::path file = newlyRestored(t, 5000);
     tell(file);
     t.expectContent(file, 5000);
   });
-  addState("has failed: {}", [](auto& t, auto tell) {
+  addState("a failed file", [](auto& t, auto tell) {
     const fs::path file = t.newFile(tagFor(t.prefix + L"missing"));
     expectFailure(t, file);
     tell(file);
   });
-  addEach("was deleted: {}", operations, [](auto& t, auto& r) {
+  addEach("{}", operationsOn("a deleted file", " is answered"), [](auto& t, auto& r) {
     const fs::path file = t.newFile(5000);
     const file_handle open(openFile(file));
     t.remove(file);
     const auto operation = static_cast<ControlOperation>(r.value);
     t.choice = hex(t.send(t.newFile(), {.operation = operation, .handle = open.get()}).result);
   });
-  addEach("a backing file that is {} restores nothing", {{"missing", 0}, {"a folder", 1}},
+  addEach("nothing is restored from a backing file that is {}", {{"missing", 0}, {"a folder", 1}},
           [](auto& t, auto& r) {
             expectFailure(t, t.newFile(tagFor(t.prefix + (r.value == 0 ? L"missing" : L"folder"))));
           });
-  addEach("a file of {} bytes is restored",
+  addEach("a file of size {} is restored",
           {1, 4095, 4096, 4097, mebibyte - 1, mebibyte, mebibyte + 1, severalChunks},
           [](auto& t, auto& r) { newlyRestored(t, static_cast<std::uint64_t>(r.value)); });
-  addEach("{} files are restored at once", {8, 50},
+  addEach("{} files are restored at the same time", {8, 50},
           [](auto& t, auto& r) { restoreAtOnce(t, r.value); });
-  add("the backing file is empty", [](auto& t) {
+  add("a file with an empty backing file is restored", [](auto& t) {
     const fs::path file = t.newFile(std::uint64_t{0});
     expect(t.start(file), S_OK);
     t.tell(file, QueryProgress);
@@ -243,50 +261,51 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addEach("a start with n = {} restores the file", {1, 4}, [](auto& t, auto& r) {
     t.restore(t.newFile(severalChunks), severalChunks, static_cast<std::int32_t>(r.value));
   });
-  addEach("n = {}", {64, INT_MAX}, [](auto& t, auto& r) {
-    const fs::path file = t.newFile(severalChunks);
-    const HRESULT result = t.start(file, static_cast<std::int32_t>(r.value));
-    if (result == S_OK) t.untilWhole(file, severalChunks);
-    t.choice = hex(result);
-  });
-  add("a start is answered when the restoration has begun", [](auto& t) {
+  addEach("a start with n = {} is answered; a success restores the file", {64, INT_MAX},
+          [](auto& t, auto& r) {
+            const fs::path file = t.newFile(severalChunks);
+            const HRESULT result = t.start(file, static_cast<std::int32_t>(r.value));
+            if (result == S_OK) t.untilWhole(file, severalChunks);
+            t.choice = hex(result);
+          });
+  add("a start is answered before the restoration ends", [](auto& t) {
     try {
       t.whileRestoring([](auto&) {});
     } catch (const untried&) {
-      throw violation{"an answer before 1 GiB is whole"};
+      throw violation{"an answer before 1 GiB is restored"};
     }
   });
-  add("nothing is written when a stop has been answered", [](auto& t) {
+  add("nothing is written after a stop is answered", [](auto& t) {
     const fs::path file = stopped(t).first;
     const std::string content = contentOf(file);
     pauseFor(1s);
     expect(contentOf(file) == content, "the same content one second later");
   });
-  add("a start after a stop ends with the whole file", [](auto& t) {
+  add("a start after a stop makes the file whole", [](auto& t) {
     const auto [file, size] = stopped(t);
     t.restore(file, size);
   });
-  add("a start after a failure ends with the whole file", [](auto& t) {
+  add("a start after a failure makes the file whole", [](auto& t) {
     const fs::path file = t.newFile(777);
     fs::remove(t.backing(777));
     expectFailure(t, file);
     t.backing(777);
     t.restore(file, 777);
   });
-  addEach("a file that was {}, is deleted and made anew is another file",
-          {{"whole", 0}, {"being restored", 1}}, [](auto& t, auto& r) {
+  addEach("a file deleted {} and recreated is a different file",
+          {{"when whole", 0}, {"during its restoration", 1}}, [](auto& t, auto& r) {
             const fs::path file =
                 r.value == 0 ? newlyRestored(t, 4097) : t.whileRestoring([](auto&) {}).first;
             t.remove(file);
             t.rename(t.newFile(5000), file);
             t.restore(file, 5000);
           });
-  add("a file that is renamed with its tag is restored", [](auto& t) {
+  add("a file renamed together with its tag is restored", [](auto& t) {
     const fs::path file = t.newFile(5000);
     t.rename(file, t.nextFile());
     t.restore(t.nextFile(), 5000);
   });
-  addPing();
+  addPing("a ping succeeds after restored files");
 
   heading = "The tag";
   add("the path ends where pathLength says", [](auto& t) {
@@ -294,22 +313,21 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     tag[offsetof(RestoreTagRecord, path) + 2 * toNtPath(t.prefix + L"5000").size()] = 'x';
     t.restore(t.newFile(tag), 5000);
   });
-  add("the tag's strategy does not bind a start", [](auto& t) {
+  add("a start is independent of the tag's strategy", [](auto& t) {
     std::string tag = t.tagOf(5000);
     tag.replace(offsetof(RestoreTagRecord, strategy), sizeof(RestoreStrategy),
                 sizeof(RestoreStrategy), '\0');
     t.restore(t.newFile(tag), 5000);
   });
-  add("the tag stays when the file is whole", [](auto& t) {
-    expect(contentOf(tagOn(newlyRestored(t, 5000))) == t.tagOf(5000),
-           "the 16376 bytes that it had");
+  add("the tag is unchanged when the file is whole", [](auto& t) {
+    expect(contentOf(tagOn(newlyRestored(t, 5000))) == t.tagOf(5000), "the same 16376 bytes");
   });
-  add("a tag that is replaced counts", [](auto& t) {
+  add("a start uses a tag that was replaced", [](auto& t) {
     const fs::path file = t.newFile(5000);
     t.send(file, {QueryProgress});
     writeTag(file, t.tagOf(4097), OPEN_EXISTING);
     t.restore(file, 4097);
   });
-  addPing();
+  addPing("a ping succeeds at the end");
   return all;
 }

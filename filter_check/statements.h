@@ -6,8 +6,8 @@
 struct statement {
   struct row {
     row(std::int64_t number) : text(std::to_string(number)), value(number) {}
-    row(const char* shown, std::int64_t number, std::size_t at = 0)
-        : text(shown), value(number), offset(at) {}
+    row(std::string shown, std::int64_t number, std::size_t at = 0)
+        : text(std::move(shown)), value(number), offset(at) {}
     std::string text;
     std::int64_t value;
     std::size_t offset = 0;
@@ -16,9 +16,9 @@ struct statement {
   std::string text;
   std::vector<row> rows;
   std::function<void(trial&, const row&)> check;
-  bool isVital = false;  // without it nothing else can be tried; `text` tells what there must be
+  bool isVital = false;  // if it fails, nothing else can be tried
 };
 
-/// All that can be seen of the contract from outside, in the order of its page, on a volume
-/// with so many instances of the filter. `isOneVolume`: the backing files lie there too.
+/// Every statement of the contract that can be seen from outside, in the order of its page.
+/// `instances`: how many the filter has on the volume. `isOneVolume`: the backing files are there.
 std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVolume);

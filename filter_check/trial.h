@@ -33,7 +33,7 @@ using std::chrono::steady_clock;
 using zan::file_handle;
 using enum ControlOperation;
 
-// What ends a statement or the run early. What is wrong with the machine is a std::exception.
+// What ends a statement or the run early. A failure of the machine is a std::exception.
 struct violation {
   std::string expected;  // by the contract
 };
@@ -102,7 +102,7 @@ inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_N
   return opened;
 }
 
-/// A new folder in another one, taken away with all in it.
+/// A new folder in another one. Removes it, with its content.
 struct own_folder {
   explicit own_folder(const fs::path& parent) {
     for (int i = 1;
@@ -112,7 +112,7 @@ struct own_folder {
   ~own_folder() {
     std::error_code error;
     for (int i = 0; i == 0 || (error && i < 50); ++i) {
-      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter is still at work in it
+      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter still works in it
       fs::remove_all(path, error);
     }
     if (error) std::cerr << "zan_filter_check: could not remove " + zan::textOf(path) + '\n';
@@ -122,13 +122,13 @@ struct own_folder {
   fs::path path;
 };
 
-/// A message about a file, as the tool sends it unless it says otherwise, and its answer.
+/// A message about a file, with the tool's values unless changed, and its answer.
 struct request {
   ControlOperation operation = Ping;
   std::int32_t n = 4;  // of a start
   std::size_t size = sizeof(ControlMessage);
   std::size_t room = 0;                  // for the reply
-  HANDLE handle = INVALID_HANDLE_VALUE;  // another than the file's
+  HANDLE handle = INVALID_HANDLE_VALUE;  // sent instead of the file's
   std::uint32_t unused = 0;              // in the fields that a ping does not use
   bool isClosed = false;                 // the file's handle, before it is sent
 };
@@ -138,12 +138,12 @@ struct answer {
 };
 
 /// What statements are tried with: new files and messages. Backing files are named by their
-/// size. What is not as the contract asks throws violation; nothing waits longer than `limit`.
+/// size. Anything that breaks the contract throws violation. Nothing waits longer than `limit`.
 class trial {
  public:
   using file_action = std::function<void(const fs::path&)>;
 
-  /// Works in folders of its own in `parent` and `backingParent`, which the filter calls `as`.
+  /// Works in new folders in `parent` and in `backingParent`, which the filter calls `as`.
   trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
         std::wstring port, std::chrono::seconds longest)
       : folder(parent),
@@ -160,9 +160,9 @@ class trial {
   const own_folder folder;
   std::wstring prefix;           // of a backing file's path as the filter knows it
   std::vector<std::string> log;  // what was sent, and what came
-  std::string choice;            // what the filter does where that is left to it
+  std::string choice;            // what the filter does where the contract leaves it open
 
-  /// Forgets what one statement has left behind.
+  /// Removes what the previous statement left.
   void clear() {
     log.clear();
     choice.clear();
@@ -204,7 +204,7 @@ class trial {
     fs::remove(tagOn(file), error);
     const auto end = steady_clock::now() + limit;
     for (; fs::exists(file); pauseFor(20ms))
-      expect(steady_clock::now() < end, "a deleted file to go");
+      expect(steady_clock::now() < end, "a deleted file disappears");
   }
 
   static void rename(const fs::path& file, const fs::path& name) {
@@ -215,7 +215,7 @@ class trial {
   /// Connects with a context of `size` bytes, all `filling`: the answer, and the port if it is
   /// open.
   std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0) {
-    log.push_back("connect with a context of " + std::to_string(size) + " bytes: ");
+    log.push_back("connect with a context of size " + std::to_string(size) + ": ");
     const auto came = answerOf([name = portName, context = std::string(size, filling)] {
       HANDLE opened = INVALID_HANDLE_VALUE;
       const HRESULT result = FilterConnectCommunicationPort(
@@ -245,8 +245,8 @@ class trial {
     const auto code = static_cast<std::uint32_t>(what.operation);
     log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
                   zan::textOf(file.filename()) +
-                  ", n = " + std::to_string(strategy.concurrentReads) + ", " +
-                  std::to_string(what.size) + " bytes: ");
+                  ", n = " + std::to_string(strategy.concurrentReads) + ", size " +
+                  std::to_string(what.size) + ": ");
     std::string bytes(std::max(what.size, sizeof(message)), '\0');
     std::memcpy(bytes.data(), &message, sizeof(message));
     bytes.resize(what.size);
@@ -261,15 +261,15 @@ class trial {
           return answer{result, reply};
         });
     log.back() += hex(came.result);
-    expect(came.result <= 0, "0 or a failure: another success code counts as a failure");
+    expect(came.result <= 0, "S_OK or a failure: any other success code is a failure");
     expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
-           "an answer, and not 0x80070006, which looks like a lost connection");
+           "any answer but 0x80070006, which looks like a lost connection");
     return came;
   }
   HRESULT start(const fs::path& file, std::int32_t n = 4) {
     return send(file, {StartAggressiveRestore, n}).result;
   }
-  /// A message that is not in order, about a new file.
+  /// A malformed message about a new file.
   void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
 
   ProgressInfo progress(const fs::path& file) {
@@ -278,11 +278,11 @@ class trial {
     expect(came.result, S_OK);
     std::memcpy(&info, came.reply.data(), came.reply.size());
     log.back() += ", " + std::to_string(info.progress) + " of " + std::to_string(info.total);
-    expect(info.progress <= info.total, "a progress that is not above the total");
+    expect(info.progress <= info.total, "progress is at most total");
     return info;
   }
 
-  /// Sends, and tells the answer as the filter's choice; a ping must succeed.
+  /// Sends, and reports the answer as the filter's choice; a ping must succeed.
   void tell(const fs::path& file, ControlOperation operation) {
     const HRESULT result = send(file, {operation}).result;
     choice = operation == Ping ? "" : hex(result);
@@ -291,7 +291,7 @@ class trial {
     choice = isWhole(progress(file)) ? "whole" : "not whole";
   }
 
-  /// Starts a file, or goes on with it, until it is whole.
+  /// Starts or continues a file, and waits until it is whole.
   void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4) {
     expect(start(file, n), S_OK);
     untilWhole(file, backingSize);
@@ -300,13 +300,13 @@ class trial {
     ProgressInfo last{};
     for (auto since = steady_clock::now();; pauseFor(5ms)) {
       const ProgressInfo now = progress(file);
-      expect(now.progress >= last.progress, "a progress that does not fall");
+      expect(now.progress >= last.progress, "progress does not fall");
       if (isWhole(now)) return expectContent(file, backingSize);
       if (now.progress != last.progress) since = steady_clock::now();
       last = now;
       if (steady_clock::now() - since <= stallLimit) continue;
       stallLimit = limit;  // once is enough to wait that long
-      throw violation{"that the file becomes whole: progress and total equal, and not 0"};
+      throw violation{"the file becomes whole: progress and total equal, and not 0"};
     }
   }
   void expectContent(const fs::path& file, std::uint64_t backingSize) {
@@ -317,7 +317,7 @@ class trial {
     log.push_back("the file has " + std::to_string(is.size()) + " bytes, its backing file " +
                   std::to_string(backingSize) + "; they differ from byte " +
                   std::to_string(differ - is.begin()) + " on");
-    throw violation{"the bytes of the backing file when progress and total are equal"};
+    throw violation{"the backing file's bytes once progress and total are equal"};
   }
 
   /// Runs `action` on a file that is being restored before and after it; the file, and its size.
@@ -331,11 +331,11 @@ class trial {
       }
       remove(file);  // a larger one takes longer
     }
-    throw untried{"1 GiB is whole before the next message comes"};
+    throw untried{"the filter restores 1 GiB before the next message reaches it"};
   }
 
  private:
-  // Runs `call`, which owns all that it uses, in a thread that is left behind after `limit`.
+  // Runs `call`, which owns all that it uses, in a thread. Abandons that thread after `limit`.
   template <typename Call>
   std::invoke_result_t<Call> answerOf(Call call) {
     std::packaged_task<std::invoke_result_t<Call>()> task(std::move(call));

@@ -18,7 +18,7 @@ options.add_argument("build", type=lambda path: Path(path).resolve())
 options.add_argument("--emulator")
 options.add_argument("--sanitized", action="store_true")
 options.add_argument("tests", nargs="*", help="of these names only, such as WithPeer.test_answers")
-GIVEN = options.parse_args()
+GIVEN = options.parse_intermixed_args()
 IS_WINDOWS = (GIVEN.build / "zan_restore.exe").exists()
 TOOL, CHECK = (str(GIVEN.build / name) + ".exe" * IS_WINDOWS for name in ("zan_restore", "zan_filter_check"))
 EMULATOR = [os.path.abspath(GIVEN.emulator)] if GIVEN.emulator else []
@@ -289,9 +289,9 @@ class ControlUnderWine(story):
         self.assertEqual(self.control(missing, "back", program=CHECK),
                          (1, "zan_filter_check: %s: not a folder\n" % missing))
         for settings, ending in (
-                ({"FLTLIB_FIND": "801f0013"}, r"Bail out! no instance of zan_restore_filter on the volume\n.*\n"),
-                ({"FLTLIB_SEND": "80070057"}, r"#   ping of file1, n = 0, 24 bytes: 0x80070057\n#   the contract asks for "
-                 r"0x00000000\n(.*\n)*# \d+ statements: \d+ hold, \d+ do not, \d+ not tried\n")):
+                ({"FLTLIB_FIND": "801f0013"}, r"#   expected: one instance per volume\nBail out! nothing else can be tried\n.*\n"),
+                ({"FLTLIB_SEND": "80070057"}, r"#   ping of file1, n = 0, size 24: 0x80070057\n"
+                 r"#   expected: 0x00000000\n(.*\n)*# \d+ statements: \d+ passed, \d+ failed, \d+ skipped\n")):
             status, output = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
             self.assertEqual(status, 1, output[-500:])
             self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# zan_filter_check \d+\.\d+\.\d+\n# Registration\n(.*\n)*" + ending + r"\Z")
@@ -312,7 +312,7 @@ class WithRestoreFilter(story):
         for words in ([".", "back"], [".", "back", "c:\\"]):
             status, output = tool("--timeout", "60", *words, program=[CHECK])
             self.assertEqual((status, re.findall(r"\nnot ok.*(?:\n#  .*)*", output)), (0, []))
-            self.assertRegex(output, r"\n# (\d+) statements: \d+ hold, 0 do not, 2 not tried\n\Z")
+            self.assertRegex(output, r"\n# (\d+) statements: \d+ passed, 0 failed, 2 skipped\n\Z")
         self.assertEqual(sorted(os.listdir()), ["back"])
         self.assertEqual(os.listdir("back"), ["data"])
 
@@ -499,8 +499,8 @@ class WithPeer(story):
             with peer(*answers):
                 status, output = tool("--timeout", "1", "files", "back", program=[CHECK], stderr=subprocess.DEVNULL)
             self.assertEqual((status, output.splitlines()[-3:]), (
-                1, ["#   connect with a context of 40 bytes: " + came, "#   the contract asks for " + asked,
-                    "Bail out! no connection to the port with the volume's name"]))
+                1, ["#   connect with a context of size 40: " + came, "#   expected: " + asked,
+                    "Bail out! nothing else can be tried"]))
         for words, line in (
                 (("--timeout", "x", "files", "back"), "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]"),
                 (("files", "nothing"), "zan_filter_check: %s/nothing: not a folder" % self.folder),
