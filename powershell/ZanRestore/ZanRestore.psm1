@@ -8,10 +8,10 @@ $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
 $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
-# Out of files, memory or threads: the filter takes more when other files are whole.
+# Out of files, memory or threads: the filter accepts more when other files are whole.
 $script:atItsLimit = '80070004', '80070008', '8007000e' | ForEach-Object { [Convert]::ToInt32($_, 16) }
 
-# The tool: beside the module, that is in its folder or the one above, then in the path.
+# The tool: in the module's folder or the one above, then on PATH.
 function Find-Tool {
     # Looked up once: Get-Command takes ten times as long as the tool itself.
     if ($script:tool -and $script:toolPath -ceq $env:PATH) { return $script:tool }
@@ -21,15 +21,15 @@ function Find-Tool {
     if (-not $found) { $found = @(Get-Command -Name $name -CommandType Application -ErrorAction Ignore | ForEach-Object Path) }
     if (-not $found) {
         throw [IO.FileNotFoundException]::new(
-            "$name was found neither beside the module ($PSScriptRoot) nor in the path.", $name)
+            "$name was found neither beside the module ($PSScriptRoot) nor on PATH.", $name)
     }
     $script:toolPath = $env:PATH
     $script:tool = $found[0]
     $script:tool
 }
 
-# One command line out of many words, as every Windows program takes it apart: a quote inside
-# a word and the backslashes before it, or at the end of a quoted word, are escaped.
+# Joins words into a command line that every Windows program splits the same way: escapes a quote,
+# the backslashes before it, and backslashes at the end of a quoted word.
 function Join-Words([string[]] $Words) {
     $quoted = foreach ($word in $Words) {
         if ($word -ne '' -and $word -notmatch '[\s"]') { $word; continue }
@@ -38,8 +38,8 @@ function Join-Words([string[]] $Words) {
     $quoted -join ' '
 }
 
-# Runs the tool: its status, what it printed (read as UTF-8, whatever the console's encoding)
-# and, when it failed, the HRESULT in that.
+# Runs the tool. Returns its status, its output (read as UTF-8, whatever the console's encoding) and,
+# if it failed, the HRESULT in the output.
 function Invoke-Tool([string[]] $Words) {
     $start = [Diagnostics.ProcessStartInfo]::new((Find-Tool), (Join-Words $Words))
     $start.UseShellExecute = $false
@@ -51,7 +51,7 @@ function Invoke-Tool([string[]] $Words) {
     try {
         $output = $process.StandardOutput.ReadToEndAsync()
         $errors = $process.StandardError.ReadToEndAsync()
-        while (-not $process.WaitForExit(200)) { } # in steps, so that Ctrl-C comes through
+        while (-not $process.WaitForExit(200)) { } # in steps, so that Ctrl-C works
         $text = ($output.Result + $errors.Result).Trim()
         $hresult = 0
         if ($process.ExitCode -ne 0) {
@@ -70,12 +70,12 @@ function Invoke-Tool([string[]] $Words) {
     }
 }
 
-# The whole path of a file, made from the current location or a PSDrive; wildcards are
-# ordinary characters.
+# Returns the full path of a file, from the current location or a PSDrive. Wildcards are ordinary
+# characters.
 function Resolve-File([string] $Path, $Cmdlet) {
     if ($Path -match '[. ]$' -and $Path -notmatch '(^|[\\/])\.{1,2}$') {
         throw [ArgumentException]::new(
-            "'$Path' ends in a dot or a blank, which Windows trims: write the name without it.")
+            "'$Path' ends in a dot or a space, which Windows trims: write the name without it.")
     }
     $provider = $drive = $null
     $file = $Cmdlet.SessionState.Path.GetUnresolvedProviderPathFromPSPath($Path, [ref] $provider, [ref] $drive)
@@ -86,21 +86,21 @@ function Resolve-File([string] $Path, $Cmdlet) {
     $file
 }
 
-# One non-terminating error for a file: the tool's own lines, and their HRESULT.
+# Writes one non-terminating error for a file, with the tool's output and its HRESULT.
 function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] $Id, $Cmdlet) {
-    if ($Text -eq '') { $Text = 'zan_restore failed without a word: is the backing path empty or too long?' }
+    if ($Text -eq '') { $Text = 'zan_restore failed silently: is the backing path empty or too long?' }
     $failure = [Runtime.InteropServices.ExternalException]::new("${File}: $Text", $HResult)
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new($failure, $Id, 'NotSpecified', $File))
 }
 
-# The same for what went wrong before the tool was asked.
+# The same for a failure before the tool was started.
 function Write-Refusal($Reason, [string] $File, $Cmdlet) {
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new(
             $Reason.Exception, 'ZanRestore.Refused', 'InvalidArgument', $File))
 }
 
-# Runs the tool on one file, with the words that `Words` makes of its whole path, unless -WhatIf
-# or the user forbids the deed. The answer with the file's path; null when the tool did not run.
+# Runs the tool on one file, with the words that `Words` makes of its full path, unless -WhatIf or
+# the user forbids it. Returns the answer with the file's path; null if the tool did not run.
 function Invoke-ToolOn([string] $Path, [string] $Deed, [scriptblock] $Words, $Cmdlet) {
     try {
         $file = Resolve-File $Path $Cmdlet
@@ -111,8 +111,7 @@ function Invoke-ToolOn([string] $Path, [string] $Deed, [scriptblock] $Words, $Cm
     }
 }
 
-# Whether the file has a tag that names this backing file; the tag's layout is the filter's
-# contract.
+# Whether the file has a tag that names this backing file. The contract gives the tag's layout.
 function Test-Tag([string] $File, [string] $BackingPath) {
     $stream = "${File}:restore_filter_tag"
     if ($script:isOnWindows) {
@@ -128,11 +127,11 @@ function Test-Tag([string] $File, [string] $BackingPath) {
     elseif ($BackingPath.StartsWith('\\', 'Ordinal')) { '\Device\Mup' + $BackingPath.Substring(1) }
     else { $BackingPath }
     $length = [BitConverter]::ToUInt16($tag, 26)
-    # Not -ceq, for which some characters that differ are the same.
+    # Not -ceq, which treats some different characters as equal.
     $length -le 16336 -and [string]::Equals([Text.Encoding]::Unicode.GetString($tag, 36, $length), $path, 'Ordinal')
 }
 
-# Asks for the progress of a file, given by its whole path; null after an error.
+# Queries the progress of a file, given by its full path. Returns null after an error.
 function Read-Progress([string] $File, $Cmdlet) {
     $answer = Invoke-Tool '--progress', $File
     if ($answer.Status -ne 0 -or $answer.Text -notmatch '^progress: 0x([0-9a-f]+) of 0x([0-9a-f]+)$') {
@@ -151,10 +150,10 @@ function Read-Progress([string] $File, $Cmdlet) {
     }
 }
 
-# Passes a file on whose restoration has begun, and is true; otherwise writes the failure.
+# Outputs a file whose restoration has begun, and returns true. Otherwise writes the failure.
 function Write-Start([string] $File, $Answer, $Cmdlet) {
     $isRunning = $Answer.Status -ne 0 -and $Answer.HResult -eq $script:alreadyRunning
-    if ($isRunning) { Write-Verbose "${File}: is being restored already" }
+    if ($isRunning) { Write-Verbose "${File}: is already being restored" }
     if ($Answer.Status -ne 0 -and -not $isRunning) {
         Write-Failure $File $Answer.Text $Answer.HResult 'ZanRestore.Start' $Cmdlet
         return $false
@@ -163,7 +162,7 @@ function Write-Start([string] $File, $Answer, $Cmdlet) {
     $true
 }
 
-# Whether a file is neither whole nor has failed.
+# Whether a file is still being restored.
 function Test-Running([string] $File) {
     $answer = Invoke-Tool '--progress', $File
     $answer.Status -eq 0 -and $answer.Text -notmatch '^progress: 0x(?!0 )([0-9a-f]+) of 0x\1$'
@@ -172,19 +171,19 @@ function Test-Running([string] $File) {
 function New-ZanRestore {
     <#
     .SYNOPSIS
-    Sets a restore up: creates a local file, new and empty, with a tag that names its backing file.
+    Sets up a restore: creates a local file, new and empty, with a tag that names its backing file.
     .DESCRIPTION
-    A file that exists is never touched. One that already has a tag for the same backing file is
-    passed on, so that a list can be run again; any other is an error.
+    An existing file is never touched. If it already has a tag for the same backing file, it is
+    returned, so you can run a list again. Any other existing file is an error.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER BackingPath
-    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as it is given;
-    nothing checks that it exists.
+    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as given; nothing
+    checks that it exists.
     .PARAMETER ConcurrentReads
-    Unless it is 0, the tag records that the whole file is to be restored, with this many
-    concurrent backing reads. It starts nothing: see Start-ZanRestore. In a list it can be a third
-    column, ConcurrentReads.
+    Unless it is 0, the tag records that the entire file is to be restored, with this many
+    concurrent reads of the backing file. This starts nothing: see Start-ZanRestore. A list can have
+    it as a third column, ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -211,7 +210,7 @@ function New-ZanRestore {
         } $PSCmdlet
         if (-not $answer) { return }
         $isThere = $answer.Status -ne 0 -and $answer.HResult -eq $script:alreadyThere -and (Test-Tag $answer.File $BackingPath)
-        if ($isThere) { Write-Verbose "$($answer.File): has its tag already" }
+        if ($isThere) { Write-Verbose "$($answer.File): already has its tag" }
         if ($answer.Status -eq 0 -or $isThere) {
             Get-Item -LiteralPath $answer.File -Force
         } else {
@@ -225,13 +224,13 @@ function Start-ZanRestore {
     .SYNOPSIS
     Starts the aggressive restoration of a file that has been set up.
     .DESCRIPTION
-    Returns when the restoration has begun; Wait-ZanRestore waits for its end. A file that is
-    being restored already is passed on. One that a filter refuses because it is out of files,
-    memory or threads is started when others are whole.
+    Returns when the restoration has begun. Wait-ZanRestore waits for its end. A file that is
+    already being restored is returned. If the filter has no files, memory or threads left, the file
+    is started when other files are whole.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
-    The number of concurrent reads of the backing file; 4 is a fair start.
+    The number of concurrent reads of the backing file. 4 is a good first value.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -279,7 +278,7 @@ function Stop-ZanRestore {
     .SYNOPSIS
     Stops the aggressive restoration of a file.
     .DESCRIPTION
-    The file keeps what it has; Start-ZanRestore goes on from there.
+    Start-ZanRestore continues the restoration.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .EXAMPLE
@@ -302,11 +301,11 @@ function Stop-ZanRestore {
 function Test-ZanRestore {
     <#
     .SYNOPSIS
-    Asks whether the restore filter answers for a file.
+    Tests whether the restore filter serves the volume of a file.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .OUTPUTS
-    System.Boolean. With -Verbose the tool's own lines tell why it is false.
+    System.Boolean. -Verbose shows the tool's output, which says why it is false.
     .EXAMPLE
     if (-not (Test-ZanRestore d:\vm\disk.vhd)) { fltmc attach zan_restore_filter d: }
     #>
@@ -327,9 +326,10 @@ function Test-ZanRestore {
 function Get-ZanRestoreProgress {
     <#
     .SYNOPSIS
-    Tells how far the restoration of a file has come.
+    Gets the progress of the restoration of a file.
     .DESCRIPTION
-    Progress and Total are in the filter's own unit. A file is whole when they are equal and not 0.
+    Progress and Total are in the filter's own unit. When they are equal and not 0, the restoration
+    is finished and IsWhole is true.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .OUTPUTS
@@ -354,17 +354,17 @@ function Get-ZanRestoreProgress {
 function Wait-ZanRestore {
     <#
     .SYNOPSIS
-    Waits until files are whole, all at once, and shows how far they are.
+    Waits until the restorations of files are finished, and shows their progress.
     .DESCRIPTION
-    One progress bar shows all files, another the slowest. If a file makes no progress for longer
-    than StallTimeout, an error is written and the file is no longer waited for; the restoration
-    itself is not stopped. A filter that does not answer at all is waited for without a limit.
+    One progress bar shows all files, another the slowest file. If a file makes no progress for
+    longer than StallTimeout, an error is written and the file is no longer waited for. Its
+    restoration is not stopped. If the filter does not answer, the wait has no limit.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER StallTimeout
-    Seconds, 60 unless given.
+    Seconds. The default is 60.
     .OUTPUTS
-    The last progress of each file, as of Get-ZanRestoreProgress, when it is known.
+    The last known progress of each file, in the form of Get-ZanRestoreProgress.
     .EXAMPLE
     Get-ChildItem d:\vm\*.vhd | Wait-ZanRestore -StallTimeout 300 | Format-Table
     #>
@@ -376,8 +376,8 @@ function Wait-ZanRestore {
     )
     begin {
         $comparer = if ($script:isOnWindows) { [StringComparer]::OrdinalIgnoreCase } else { [StringComparer]::Ordinal }
-        $last = [Collections.Specialized.OrderedDictionary]::new($comparer) # of each file, null as long as it is not known
-        $since = [Collections.Hashtable]::new($comparer) # when that was new
+        $last = [Collections.Specialized.OrderedDictionary]::new($comparer) # of each file; null if unknown
+        $since = [Collections.Hashtable]::new($comparer) # when it last changed
         $clock = [Diagnostics.Stopwatch]::StartNew()
     }
     process {
@@ -403,7 +403,7 @@ function Wait-ZanRestore {
                         }
                         $before = $last[$file]
                         if ($now) { $last[$file] = $now }
-                        if (-not $now -or $now.IsWhole) { # it is over
+                        if (-not $now -or $now.IsWhole) { # no more to wait for
                             if ($now) { $whole++ }
                             if ($last[$file]) { $PSCmdlet.WriteObject($last[$file]) }
                             continue
@@ -411,7 +411,7 @@ function Wait-ZanRestore {
                         if (-not $before -or $before.Progress -ne $now.Progress -or $before.Total -ne $now.Total) {
                             $since[$file] = $clock.Elapsed
                         } elseif (($clock.Elapsed - $since[$file]).TotalSeconds -gt $StallTimeout) {
-                            $text = "stands still at $($now.Progress) of $($now.Total)"
+                            $text = "makes no progress at $($now.Progress) of $($now.Total)"
                             Write-Failure $file $text $script:generalFailure 'ZanRestore.Stalled' $PSCmdlet
                             $PSCmdlet.WriteObject($now)
                             continue
@@ -422,7 +422,7 @@ function Wait-ZanRestore {
                 $slowest = $waiting | ForEach-Object { $last[$_] } | Sort-Object PercentComplete | Select-Object -First 1
                 $percent = ($last.Values | Where-Object { $_ } | Measure-Object PercentComplete -Sum).Sum / $last.Count
                 Write-Progress -Id 1 -Activity 'Restoring' -PercentComplete ([Math]::Min(100, $percent)) `
-                    -Status "$whole of $($last.Count) files whole"
+                    -Status "$whole of $($last.Count) files finished"
                 Write-Progress -Id 2 -ParentId 1 -Activity $slowest.Path -PercentComplete $slowest.PercentComplete `
                     -Status "$($slowest.PercentComplete) %, the slowest"
                 Start-Sleep -Milliseconds 200
