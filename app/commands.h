@@ -8,15 +8,15 @@
 // progress. Each prints its own failures and returns the exit status: 0 for success, 1 for any
 // failure. Paths are used exactly as given; a relative one is relative to the current directory.
 
-/// Sets up a restore: creates `file`, empty and new, and gives it the tag
-/// stream that names `backingPath` and `strategy`. After a failure nothing is
-/// left behind, and a file that existed before is never touched.
+/// Sets up a restore: creates `file`, empty and new, and gives it the tag stream with
+/// `backingPath` and `strategy`. A failure leaves nothing behind. An existing file is never
+/// touched.
 int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy);
 
 /// Sends `request` (ping, start or stop) to the restore filter's port for the
 /// volume that holds the local file `path`, and prints each step.
 int sendControlRequest(std::wstring path, const ControlRequest& request);
 
-/// Asks the restore filter how far the restoration of the local file `path`
-/// has come; silent on success. `progress` is defined only after a result of 0.
+/// Queries the progress of the restoration of the local file `path`; prints nothing on success.
+/// `progress` is valid only after a result of 0.
 int queryProgress(std::wstring path, ProgressInfo& progress);

@@ -22,8 +22,8 @@ wide_output::~wide_output() {
   std::wcout.rdbuf(previous);
 }
 
-// Makes room for `unit`. A surrogate pair is never torn: a high surrogate at
-// the end waits for its other half.
+// Makes room for `unit`. Keeps a surrogate pair together: a high surrogate at the end waits for its
+// other half.
 wide_output::int_type wide_output::overflow(int_type unit) {
   const bool waits = pptr() > pbase() && isHighSurrogate(pptr()[-1]);
   const wchar_t last = waits ? pptr()[-1] : L'\0';
@@ -37,8 +37,8 @@ wide_output::int_type wide_output::overflow(int_type unit) {
 int wide_output::sync() {
   write(pbase(), pptr() - pbase());
   setp(units.data(), units.data() + units.size());
-  // Never a failure: it would silence every later line, and a full disk or a
-  // slow reader may have recovered by then.
+  // Never a failure: that would silence every later line, though a full disk or a slow reader may
+  // recover.
   std::cout.rdbuf()->pubsync();
   return 0;
 }

@@ -18,8 +18,8 @@ int usageError() {
   return 1;
 }
 
-// Decimal count after optional white space and sign; what follows the digits
-// is ignored. False when there is no digit or the value exceeds 32 bits.
+// Parses a decimal count after optional white space and a sign, and ignores what follows the
+// digits. False if there is no digit or the value exceeds 32 bits.
 bool parseCount(const wchar_t* text, std::int32_t& count) {
   wchar_t* end = nullptr;
   errno = 0;
@@ -61,7 +61,7 @@ int runCommand(int argc, wchar_t** argv) {
     return sendControlRequest(argv[3], {ControlOperation::StartAggressiveRestore, strategy});
   }
   if (argc == 3) return prepareRestore(first, argv[2], RestoreStrategy{});
-  // The strategy word, argv[3], is not examined: there is one strategy.
+  // The strategy word, argv[3], is not examined: there is only one strategy.
   if (argc != 5 || !parseCount(argv[4], strategy.concurrentReads)) return usageError();
   return prepareRestore(first, argv[2], strategy);
 }

@@ -1,5 +1,5 @@
-# Boost, headers only: Exception, Locale on Linux, and Algorithm in the tests. The cross build gets
-# an include folder that holds Boost alone: the host's other headers must not be seen there.
+# Boost, headers only: Exception, Locale on Linux, and Algorithm in the tests. The cross build gets an
+# include folder with only Boost in it: it must not see the host's other headers.
 
 if(MINGW)
   find_path(ZAN_BOOST_ROOT boost/exception/all.hpp

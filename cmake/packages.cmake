@@ -29,10 +29,10 @@ else()
     install(FILES ${compressed} DESTINATION ${folder} ${component})
   endfunction()
   compressed(${PROJECT_SOURCE_DIR}/docs/zan_restore.1 zan_restore.1 "" ${CMAKE_INSTALL_MANDIR}/man1)
-  # One page tells of both programs.
+  # One page describes both programs.
   file(CREATE_LINK zan_restore.1.gz ${PROJECT_BINARY_DIR}/zan_filter_check.1.gz SYMBOLIC)
   install(FILES ${PROJECT_BINARY_DIR}/zan_filter_check.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  # What only the .deb has, not `cmake --install`.
+  # Only in the .deb, not in `cmake --install`.
   compressed(${PROJECT_SOURCE_DIR}/packaging/changelog changelog "COMPONENT;deb;EXCLUDE_FROM_ALL"
     ${ZAN_DOCUMENTS})
   install(FILES packaging/copyright DESTINATION ${ZAN_DOCUMENTS} COMPONENT deb EXCLUDE_FROM_ALL)

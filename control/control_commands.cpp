@@ -17,7 +17,7 @@ int sendControlRequest(std::wstring path, const ControlRequest& request) {
 }
 
 int queryProgress(std::wstring path, ProgressInfo& progress) {
-  // The filter may write less than the whole reply; what it leaves stays 0.
+  // The filter may write only a part of the reply. The rest is 0.
   progress = {};
   return sendToFilter(path, {ControlOperation::QueryProgress, {}}, &progress);
 }

@@ -31,7 +31,7 @@ bool isAttachedTo(const std::wstring& volumeId, bool isPrinting) {
 
 int sendToFilter(const std::wstring& path, const ControlRequest& request, ProgressInfo* reply) {
   const bool isPrinting = reply == nullptr;
-  // Declared before the file, so that whatever happens the file is closed first.
+  // Declared before the file, so that the file is always closed first.
   std::optional<filter_port> port;
 
   const file_handle file(CreateFileW(path.c_str(), GENERIC_READ,

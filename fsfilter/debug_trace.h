@@ -6,9 +6,9 @@
 
 namespace zan::fsfilter {
 
-/// Writes one debug trace line: the parts one after another (wide texts, at most
-/// one number after std::hex) and a line end, in one call of OutputDebugStringW.
-/// Writes nothing when there is no memory for the whole line; never throws.
+/// Writes one debug trace line in one call of OutputDebugStringW: the parts (wide texts, at most
+/// one number after std::hex) and a line end. Writes nothing if memory for the line is lacking.
+/// Never throws.
 template <typename... Parts>
 void traceLine(const Parts&... parts) noexcept {
   try {
@@ -16,11 +16,11 @@ void traceLine(const Parts&... parts) noexcept {
     (line << ... << parts) << std::endl;
     if (line) OutputDebugStringW(line.str().c_str());
   } catch (...) {
-    // A trace line is the last resort: there is nowhere to report its loss.
+    // There is nowhere to report the loss of a trace line.
   }
 }
 
-/// An HRESULT as the 32-bit pattern that trace lines print, whatever `long` is.
+/// An HRESULT as the 32-bit pattern that trace lines print, however wide `long` is.
 inline DWORD bitsOf(HRESULT result) noexcept { return static_cast<DWORD>(result); }
 
 }  // namespace zan::fsfilter

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t smallestRecordBuffer = 512;  // bytes
 constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 
-// The layout of Windows 8 and later, in which a legacy filter has a name too.
+// The layout of Windows 8 and later, in which a legacy filter also has a name.
 static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
 
 // Closes the search, even if it found nothing.
@@ -33,8 +33,8 @@ struct instance_search {
 
 using record_buffer = std::vector<BYTE>;
 
-// The text of `length` bytes at `offset` from the start of the record; empty
-// when it does not lie within the buffer.
+// The text of `length` bytes at `offset` from the start of the record; empty if it is not inside
+// the buffer.
 std::wstring textAt(const record_buffer& buffer, std::size_t offset, std::size_t length) {
   if (offset + length > buffer.size()) return {};
   std::wstring text(length / sizeof(std::uint16_t), L'\0');

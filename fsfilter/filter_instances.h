@@ -7,8 +7,8 @@
 
 namespace zan::fsfilter {
 
-/// One instance of a minifilter as the Filter Manager reports it, copied out of
-/// its buffer. See INSTANCE_AGGREGATE_STANDARD_INFORMATION.
+/// One instance of a minifilter as the Filter Manager reports it. A copy, without pointers into the
+/// Filter Manager's buffer. See INSTANCE_AGGREGATE_STANDARD_INFORMATION.
 struct FilterInstanceInfo {
   bool isLegacyFilter = false;
   bool detachedVolume = false;
@@ -20,14 +20,13 @@ struct FilterInstanceInfo {
   std::wstring volumeDeviceName;  // for example "\Device\HarddiskVolume3"
   std::wstring volumeId;          // "Volume{GUID}"; empty when not resolved
 
-  /// Sets `volumeId` to the volume whose device is `volumeDeviceName`, or empties
-  /// it when there is none. Failures are traced; never throws.
+  /// Sets `volumeId` to the volume whose device is `volumeDeviceName`, or to an empty text if there
+  /// is none. Traces failures. Never throws.
   void resolveVolumeId() noexcept;
 };
 
-/// Lists the instances of the minifilter `filterName` in the Filter Manager's
-/// order, volume ids resolved. A failure is traced and ends the list early;
-/// never throws.
+/// Lists the instances of the minifilter `filterName` in the Filter Manager's order, with their
+/// volume ids. A failure is traced and ends the list early. Never throws.
 std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName) noexcept;
 
 }  // namespace zan::fsfilter

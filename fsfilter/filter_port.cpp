@@ -11,8 +11,8 @@
 
 namespace zan::fsfilter {
 
-// The filter looks at the context's size alone: it carries nothing, so that no
-// address of this process leaves it.
+// The filter looks only at the size of the context. Zeros carry no address out of this
+// process.
 static const std::array<BYTE, RESTORE_FILTER_CONNECTION_CONTEXT_SIZE> connectionContext{};
 
 filter_port::filter_port(const std::wstring& name)
@@ -43,9 +43,9 @@ DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWO
       FilterSendMessage(portHandle, input, inputLength, output, outputLength, &returned);
   if (result == S_OK) return returned;
 
-  // Anything else is a failure, positive success codes included. What the
-  // exception carries is printed in the order of its types: the HRESULT first,
-  // then the function.
+  // Anything else is a failure, positive success codes included. The exception's
+  // content is printed in the order of its types: the HRESULT first, then the
+  // function.
   except::result_exception failure;
   failure << boost::errinfo_api_function("FilterSendMessage");
   failure << except::errinfo_HRESULT(bitsOf(result));

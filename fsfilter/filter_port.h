@@ -6,9 +6,9 @@
 
 namespace zan::fsfilter {
 
-/// One connection to a communication port of the restore filter, closed by the
-/// destructor. A failed connection is traced, not thrown: it shows at the first
-/// send. See FilterConnectCommunicationPort, FilterSendMessage.
+/// One connection to a communication port of the restore filter. The destructor closes it. A failed
+/// connection is traced, not thrown, and makes the first send fail. See
+/// FilterConnectCommunicationPort, FilterSendMessage.
 class filter_port {
  public:
   /// Connects to the port of this name, for example
@@ -18,10 +18,9 @@ class filter_port {
   filter_port(const filter_port&) = delete;
   filter_port& operator=(const filter_port&) = delete;
 
-  /// Sends `inputLength` bytes and waits until the filter has handled them.
-  /// Returns the count of bytes it wrote to `output` (may be null, of length 0).
-  /// Throws zan::except::result_exception on any HRESULT but S_OK, also when the
-  /// object is not connected; the connection stays as it was.
+  /// Sends `inputLength` bytes and waits until the filter has handled them. Returns how many bytes
+  /// it wrote to `output`, which may be null with length 0. Throws zan::except::result_exception on
+  /// any HRESULT but S_OK, and if the object is not connected. The connection is not changed.
   DWORD sendMessage(void* input, DWORD inputLength, void* output, DWORD outputLength);
 
  private:

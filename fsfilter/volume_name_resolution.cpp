@@ -20,7 +20,7 @@ constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;  // 1 MiB
 
 constexpr std::wstring_view prefix = L"\\\\?\\";  // before a volume id
 
-// The text that a call left in a buffer: up to its zero, or all of it when there is none.
+// The text that a call left in a buffer: up to its zero, or the entire buffer without one.
 std::wstring_view textIn(std::span<const wchar_t> buffer) noexcept {
   return {buffer.data(), wcsnlen(buffer.data(), buffer.size())};
 }
@@ -39,8 +39,8 @@ struct volume_search {
   HANDLE handle = INVALID_HANDLE_VALUE;
 };
 
-// Whether `deviceName` is the device of `volume`, "\\?\Volume{GUID}", the first
-// if it has several. `devices` takes their names and grows as needed.
+// Whether `deviceName` is the first device of `volume`, "\\?\Volume{GUID}". `devices` takes the
+// names of its devices and grows as needed.
 bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
                 std::vector<wchar_t>& devices) {
   for (;;) {

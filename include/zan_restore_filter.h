@@ -1,8 +1,8 @@
 /*
- * The contract between zan_restore and the restore filter: names, the tag
- * record and the messages, byte for byte. For C, and C++11 or later, in a kernel
- * driver (wchar_t of 16 bits) and in user mode. All integers are little-endian.
- * docs/restore-filter-contract.md tells how they are used.
+ * The contract between zan_restore and the restore filter: names, the tag record and the messages,
+ * byte for byte. For C, and for C++11 or later, in a kernel driver (with a 16-bit wchar_t) and in
+ * user mode. All integers are little-endian. docs/restore-filter-contract.md shows how they are
+ * used.
  */
 #ifndef ZAN_RESTORE_FILTER_H
 #define ZAN_RESTORE_FILTER_H
@@ -10,29 +10,28 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* The minifilter's registered name; its instances are listed under it. Each
- * name also exists as a narrow string, with the suffix _A. */
+/* The minifilter's registered name, under which its instances are listed. The suffix _A marks the
+ * narrow form of a name. */
 #define RESTORE_FILTER_NAME_A "zan_restore_filter"
 #define RESTORE_FILTER_NAME L"" RESTORE_FILTER_NAME_A
 
-/* Port of one volume: this prefix and the volume id, "Volume{GUID}" (44
- * characters), 64 characters in all. */
+/* The port of a volume: this prefix and the volume id, "Volume{GUID}" (44 characters), together 64
+ * characters. */
 #define RESTORE_FILTER_PORT_PREFIX_A "\\" RESTORE_FILTER_NAME_A "-"
 #define RESTORE_FILTER_PORT_PREFIX L"" RESTORE_FILTER_PORT_PREFIX_A
 
-/* Length in bytes of the connection context; its content means nothing. */
+/* Length in bytes of the connection context. Its content means nothing. */
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
-/* The named stream of a local file that holds one RestoreTagRecord and
- * nothing else: its name, and what is appended to the file's path. */
+/* The named stream of a local file that holds one RestoreTagRecord and nothing else: its name, and
+ * the suffix that it adds to the file's path. */
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
-/* How a file is to be restored. Codes are 32 bits wide in both
- * languages; any other value can arrive too. */
+/* How to restore a file. Codes are 32 bits wide in both languages. Other values can arrive too. */
 #if defined(__cplusplus)
 enum class RestoreStrategyKind : uint32_t {
-  none = 0,  /* only as it is read */
+  none = 0,  /* only what is read */
   simple = 1 /* with concurrent reads of the backing file */
 };
 #else
@@ -42,7 +41,7 @@ enum { RestoreStrategyKind_none = 0, RestoreStrategyKind_simple = 1 };
 
 typedef struct RestoreStrategy {
   RestoreStrategyKind kind;
-  int32_t concurrentReads; /* for simple: as the user gave it, unchecked; else 0 */
+  int32_t concurrentReads; /* for simple: the user's n, unchecked; else 0 */
 } RestoreStrategy;
 
 #define RESTORE_TAG 0x00000053u
@@ -54,17 +53,17 @@ typedef struct RestoreStrategy {
 #define RESTORE_TAG_GUID \
   { 0xDA, 0x13, 0x29, 0x5E, 0xEE, 0xEA, 0xCB, 0x47, 0xB8, 0x66, 0xED, 0xDC, 0xAE, 0xB3, 0xEB, 0xC3 }
 
-/* The whole content of the tag stream. The first 24 bytes are laid out as
- * the header of REPARSE_GUID_DATA_BUFFER; the record is no reparse point. */
+/* The entire content of the tag stream. The first 24 bytes have the layout of the header of
+ * REPARSE_GUID_DATA_BUFFER, but the record is not a reparse point. */
 typedef struct RestoreTagRecord {
   uint32_t tag;        /* RESTORE_TAG */
   uint16_t dataLength; /* RESTORE_TAG_DATA_LENGTH */
   uint16_t reserved;   /* 0 */
   uint8_t guid[16];    /* RESTORE_TAG_GUID */
   uint16_t pathOffset; /* RESTORE_TAG_PATH_OFFSET */
-  uint16_t pathLength; /* bytes of path that are used; even, at most 16336 */
+  uint16_t pathLength; /* bytes of path in use: even, at most 16336 */
   RestoreStrategy strategy;
-  uint16_t path[RESTORE_TAG_PATH_UNITS]; /* backing file in NT form; zeros after pathLength */
+  uint16_t path[RESTORE_TAG_PATH_UNITS]; /* backing file in NT form, then zeros */
   uint32_t trailer;                      /* 0 */
 } RestoreTagRecord;
 
@@ -97,10 +96,10 @@ typedef struct ControlMessage {
   uint32_t padding; /* 0 */
 } ControlMessage;
 
-/* The output buffer of QueryProgress; the other operations have none. */
+/* The output buffer of QueryProgress. The other operations have none. */
 typedef struct ProgressInfo {
   uint64_t progress; /* how far the restoration has come */
-  uint64_t total;    /* what progress counts towards */
+  uint64_t total;    /* progress of a whole file */
 } ProgressInfo;
 
 #if defined(__cplusplus)

@@ -15,7 +15,7 @@ class file_handle {
   bool isOpen() const noexcept { return handle != INVALID_HANDLE_VALUE; }
   HANDLE get() const noexcept { return handle; }
 
-  /// Closes the handle, once; for an owner to whom the order of closing matters.
+  /// Closes the handle, once. For owners to whom the order of closing matters.
   void close() noexcept {
     if (!isOpen()) return;
     CloseHandle(handle);

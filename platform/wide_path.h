@@ -7,7 +7,7 @@
 
 namespace zan {
 
-/// The path of a wide one (UTF-16, one code unit a wchar_t), for the standard library.
+/// Converts a UTF-16 path, one code unit per wchar_t, to a std::filesystem::path.
 inline std::filesystem::path hostPath(const std::wstring& path) {
   std::u8string bytes(3 * path.size(), u8'\0');
   bytes.resize(static_cast<std::size_t>(WideCharToMultiByte(
@@ -16,7 +16,7 @@ inline std::filesystem::path hostPath(const std::wstring& path) {
   return bytes;
 }
 
-/// The wide path of a path, for the system's calls.
+/// Converts a path to UTF-16, for the system's calls.
 inline std::wstring widePath(const std::filesystem::path& path) {
   const std::u8string bytes = path.u8string();
   std::wstring units(bytes.size(), L'\0');

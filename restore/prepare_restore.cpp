@@ -10,7 +10,7 @@
 
 namespace {
 
-// One 16 KiB buffer; the record that is written is its first 16376 bytes.
+// One 16 KiB buffer. The record is its first 16376 bytes.
 struct tag_buffer {
   RestoreTagRecord record;
   unsigned char unused[8];
@@ -49,8 +49,8 @@ bool writeTagStream(const std::wstring& streamPath, const RestoreTagRecord& reco
 int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy) {
   if (backingPath.empty()) return 1;
 
-  // All that needs memory comes before the local file: once that exists,
-  // nothing throws, and it is either tagged or deleted again.
+  // Everything that needs memory comes before the local file. Once that exists, nothing throws: the
+  // file gets its tag or is deleted again.
   const std::wstring ntPath = toNtPath(backingPath);
   const std::wstring streamPath = file + RESTORE_TAG_STREAM;
   tag_buffer buffer;

@@ -33,7 +33,7 @@ HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file) {
   if (fstat(path.get(), &status) != 0) return hostFailure("fstat", path);
   if (S_ISDIR(status.st_mode)) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   if (!S_ISREG(status.st_mode)) return E_INVALIDARG;
-  // O_NONBLOCK, so that somebody's lease is a refusal, not a wait.
+  // O_NONBLOCK: if somebody holds a lease, the open fails instead of waiting.
   file = descriptor(open(procPathOf(path.get()).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
   return file.isOpen() ? S_OK : hostFailure("open", path);
 }

@@ -11,13 +11,12 @@
 /// The folders that stand for drives and shares, and the files in them.
 class backing_folders {
  public:
-  /// Makes the folder `path` stand for the paths that begin with `ntPrefix`,
-  /// "\??\C:" or "\Device\Mup\SERVER\SHARE". False when it can't be opened.
+  /// Makes the folder `path` stand for paths that begin with `ntPrefix`, "\??\C:" or
+  /// "\Device\Mup\SERVER\SHARE". False, with errno, if it cannot be opened.
   bool add(std::string ntPrefix, const char* path);
 
-  /// Opens the regular file that `ntPath` names, for reading, never one outside
-  /// the folder it is looked up in; an absolute Linux path is used as it is.
-  /// S_OK, or an HRESULT that says why not.
+  /// Opens the regular file `ntPath` for reading, never one outside the folder that stands for its
+  /// prefix. An absolute Linux path is used unchanged. S_OK, or an HRESULT that says why not.
   HRESULT openFile(const std::string& ntPath, descriptor& file) const;
 
  private:

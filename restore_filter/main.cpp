@@ -1,5 +1,5 @@
-// A stand-in for the restore filter, in user mode: attaches to volumes, serves
-// their ports and restores files, so that zan_restore has somebody to talk to.
+// A stand-in for the restore filter, in user mode: attaches to volumes, serves their ports and
+// restores files.
 
 #include <sys/signalfd.h>
 
@@ -46,14 +46,14 @@ std::string ntPrefix(std::string_view option, std::string_view name) {
   return isShare ? "\\Device\\Mup" + std::string(name.substr(1)) : "";
 }
 
-// A signal asks for the end by way of a descriptor; the threads never see it.
+// SIGINT and SIGTERM arrive by a descriptor. The threads never see them.
 descriptor stopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::signal(SIGXFSZ, SIG_IGN);  // a file size limit is a failed write
+  std::signal(SIGXFSZ, SIG_IGN);  // a file size limit makes a write fail
   return descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 

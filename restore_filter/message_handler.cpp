@@ -65,7 +65,7 @@ HRESULT message_handler::answer(const ControlMessage& message, pid_t sender, dev
   if (result == S_OK) result = openRegularFile(local.path, O_RDONLY, local.file);
   if (result != S_OK) return result;
   const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
-  // A mount that isn't in the table is one of another mount name space.
+  // A mount that is not in the table belongs to another mount name space.
   if (!volume && errno != ENOENT) return hostFailure("find the mount of", local.file);
   if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
@@ -105,7 +105,7 @@ HRESULT message_handler::find(const target& local, state& found) const {
   const auto size = static_cast<std::uint64_t>(status.st_size);
   HRESULT result = S_OK;
   if (size > 0) result = found.record.read(local.file);
-  // Nothing says where its content is from.
+  // Nobody knows where its content is from.
   if (result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
   const std::uint64_t restored = found.record.restored();
   found.progress = {restored, restored};
@@ -137,7 +137,7 @@ HRESULT message_handler::start(const target& local, const RestoreStrategy& how) 
   HRESULT result = find(local, found);
   if (result != S_OK) return result;
   const bool isWhole = !found.backing.isOpen();
-  if (earlier.work) {  // it is stopped, and may have yet to sync that the file is whole
+  if (earlier.work) {  // stopped, but its last sync may be under way
     const bool isSame = isWhole || earlier.backingKey == found.backingKey;
     if (isSame && earlier.work->wake(reads)) return S_OK;
     if (!earlier.work->hasEnded()) return busy;

@@ -15,7 +15,7 @@
 #include "restore_filter/streams.h"
 #include "zan_restore_filter.h"
 
-/// What the filter does with a message; holds the restorations that it started.
+/// Handles messages, and owns the restorations that they start.
 class message_handler {
  public:
   explicit message_handler(const backing_folders& folders) : backingFolders(folders) {}

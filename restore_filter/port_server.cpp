@@ -17,9 +17,9 @@
 
 namespace {
 
-// Past this many a connection is dropped: the tool's live for one message.
+// Above this number one is dropped. The tool's own last for one message.
 constexpr std::size_t mostConnections = 200;
-// Descriptors that connections leave to the handling of a message.
+// Descriptors that connections leave free for the handling of a message.
 constexpr int reservedDescriptors = 8;
 constexpr int idleMilliseconds = 1000;
 
@@ -32,7 +32,7 @@ void waitForResources() { usleep(10000); }  // until they have recovered
 std::string port_server::attach(const char* path, std::string& why) {
   const auto mount = findMountOf(path);
   if (!mount) {
-    // The path itself is there: its mount is not listed, as in a chroot.
+    // The path exists, but its mount is not listed, as in a chroot.
     why = errno == ENOENT && access(path, F_OK) == 0 ? "its mount is not in /proc/self/mountinfo"
                                                      : std::strerror(errno);
     return {};
@@ -102,7 +102,7 @@ void port_server::accept(const port& from) {
       connections.size() >= mostConnections || !leavesFree(socket, reservedDescriptors);
   if (isFull && !connections.empty()) {
     dropConnection();
-    // Renumber the socket into the freed slot, so that the highest numbers stay free.
+    // Give the socket the freed number, so that the highest numbers remain free.
     socket = descriptor(fcntl(socket.get(), F_DUPFD_CLOEXEC, 0));
     if (!socket.isOpen()) return;
   }
@@ -110,10 +110,10 @@ void port_server::accept(const port& from) {
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
 }
 
-// Takes one packet and answers it. False when the connection is over: then a packet seems to
-// come that is empty.
+// Receives one packet and answers it. False if the peer has hung up, which recv reports as an empty
+// packet.
 bool port_server::receive(connection& from, bool isHungUp) {
-  std::array<char, 64> packet;  // more than any packet that is in order
+  std::array<char, 64> packet;  // larger than any valid packet
   const ssize_t size = recv(from.socket.get(), packet.data(), packet.size(), MSG_TRUNC);
   if (size < 0 && errno == EAGAIN) return true;
   if (size < 0 || (size == 0 && isHungUp)) return false;

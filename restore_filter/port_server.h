@@ -10,18 +10,18 @@
 #include "platform/posix/descriptor.h"
 #include "restore_filter/message_handler.h"
 
-/// The communication ports of all instances, one a volume, and their connections.
-/// Serves its own user, nobody else. A slow or silent peer holds up nobody, nor
-/// does a slow read of a backing file. While opening or writing a file hangs, all wait.
+/// The communication ports of all instances, one per volume, and their connections. Serves only its
+/// own user. A slow or silent client delays nobody, nor does a slow read or sync. But everybody
+/// waits while opening or writing a file hangs.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
 
-  /// Attaches to the volume that holds `path`, once: listens on its port and returns
-  /// the port's name. Empty when that fails, `why` telling the reason.
+  /// Attaches to the volume that holds `path`, once: listens on its port and returns the port's
+  /// name. On failure returns an empty text, and the reason in `why`.
   std::string attach(const char* path, std::string& why);
 
-  /// Serves until `stop`, a descriptor, can be read.
+  /// Serves until the descriptor `stop` becomes readable.
   void serve(int stop);
 
  private:

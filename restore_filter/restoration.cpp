@@ -35,7 +35,7 @@ struct chunk {
   std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(chunkSize);
   std::uint64_t offset = 0;
   std::size_t size = 0;
-  std::future<HRESULT> read;  // the last member: its destructor waits, and `bytes` are still there
+  std::future<HRESULT> read;  // last, because its destructor waits for the read into `bytes`
 };
 
 HRESULT sizeOf(const descriptor& file, std::uint64_t& size) {
@@ -89,7 +89,8 @@ HRESULT restoration::progress(ProgressInfo& info) const {
   return result;
 }
 
-// A start after a stop may come at any time: the thread then continues.
+// A start after a stop may come at any time. The thread then continues. It ends only by turning
+// stopped into ended.
 void restoration::run() {
   state expected{};
   do {
@@ -135,7 +136,7 @@ HRESULT restoration::fill() {
     each.offset = next;
     each.size = std::min(chunkSize, end - next);
     next += each.size;
-    // In a thread of its own; if there is none, in this one when its turn comes.
+    // In a new thread, or without one in this thread when its turn comes.
     each.read = std::async([this, &each] { return readWhole(backing, each); });
   };
   while (result == S_OK && next < end && begun + 1 < chunks.size()) readNext();
@@ -145,7 +146,7 @@ HRESULT restoration::fill() {
     result = each.read.get();
     if (next < end) readNext();
     if (result == S_OK) result = write(each.bytes.get(), each.size);
-    // On its way to the disk while the next is read: a sync has little left to wait for.
+    // Goes to the disk while the next is read, so a sync has little left to wait for.
     sync_file_range(local.get(), static_cast<off_t>(each.offset), static_cast<off_t>(each.size),
                     SYNC_FILE_RANGE_WRITE);
     if (result == S_OK && position - record.restored() >= saveInterval) result = save(false);

@@ -12,8 +12,8 @@
 #include "zan_restore_filter.h"
 
 /// One aggressive restoration: fills a local file from its backing file with n concurrent reads.
-/// One thread of its own writes, in order, from where the record says; data is synced before
-/// the record is. The public functions are for the one thread that handles messages.
+/// Its thread writes in order, from where the record says, and syncs data before the record. The
+/// public functions are for the one thread that handles messages.
 class restoration : public std::enable_shared_from_this<restoration> {
  public:
   /// Takes both files, `local` open for reading and writing, and the record, open for save().
@@ -21,8 +21,8 @@ class restoration : public std::enable_shared_from_this<restoration> {
 
   /// Begins, with at most n reads at a time. Throws std::system_error without a thread.
   void start(int n);
-  /// Nothing is written into the local file once this has returned. A sync and reads that are
-  /// under way end on their own.
+  /// After this returns, nothing is written into the local file. Does not wait for a sync or for
+  /// reads that are under way.
   void stop();
   /// Continues one that is stopped. False if it has ended.
   bool wake(int n);

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """End to end: the programs of a build folder on real file systems, and filter control against
-restore_filter and a peer that speaks the ports' framing and says what a test wants.
+restore_filter and against a scripted peer.
 
     end_to_end.py BUILD                    # Linux, as root more file systems and users; Windows
     end_to_end.py BUILD --emulator WINE    # and control against the fltlib.dll of the tests
@@ -73,8 +73,8 @@ def progress(path):
 
 @contextlib.contextmanager
 def peer(*answers, owner=0):
-    """A port that answers a connection and a message with these packets, and nothing to any
-    more; None closes the connection instead. Gives the packets that it got."""
+    """A port that answers a connection and a message with these packets, and later ones with nothing.
+    None closes the connection instead. Yields the packets that it received."""
     packets = []
     with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
         listener.bind("\0" + port_of("."))
@@ -101,7 +101,7 @@ def peer(*answers, owner=0):
 
 @contextlib.contextmanager
 def monitor():
-    """What a debug monitor shows meanwhile."""
+    """Collects what a debug monitor shows."""
     lines = []
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
         listener.bind("\0DBWIN_BUFFER")
@@ -128,7 +128,7 @@ class story(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
 
     def start_filter(self, *prefix, folder="."):
-        """A filter with few descriptors, attached twice to the folder's volume; whether it runs."""
+        """Starts a filter with few descriptors, attached twice to the folder's volume. Whether it runs."""
         self.filter = subprocess.Popen(
             ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back",
              folder, folder], stdout=subprocess.PIPE, text=True, start_new_session=True)
@@ -474,7 +474,7 @@ class WithPeer(story):
                 self.assertEqual(packets[0], bytes(40))
                 if len(packets) > 1:
                     self.assertEqual(packets[1][:4] + packets[1][12:], struct.pack("<IIIiI", 16, 3, 0, 0, 0))
-            self.assertEqual(len(lines), len(answers) == 1)  # a failed connection alone is traced
+            self.assertEqual(len(lines), len(answers) == 1)  # only a failed connection is traced
 
     @unittest.skipUnless(IS_ROOT, "another user needs root")
     def test_trusts_no_other_user(self):
@@ -511,8 +511,7 @@ class WithPeer(story):
 
 
 class WithFailingCalls(story):
-    """Each call of the stand-in to its system fails, by index: it lives on, and what it
-    says is true."""
+    """Each system call of the stand-in fails, by index. It keeps running, and its answers are true."""
 
     CALLS = {"fdatasync": 4, "ftruncate": 2, "openat": 6, "openat2": 6, "pread64": 8, "pwrite64": 9, "newfstatat": 8,
              "statx": 3, "readlink": 3, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
@@ -637,7 +636,7 @@ class WithPowerShell(story):
 
 
 if __name__ == "__main__":
-    if IS_ROOT:  # a network name space of its own: no port of another stand-in is in the way
+    if IS_ROOT:  # a new network name space, without the port of another stand-in
         ctypes.CDLL(None).unshare(0x40000000)
     stories = ["SetUpOnLinux", "WithRestoreFilter", "WithPeer", "WithPowerShell", "WithFailingCalls"]
     if IS_WINDOWS:

@@ -1,5 +1,5 @@
-// operator new of the test program, in a file that uses none, so that no compiler sees through
-// the pair of new and delete.
+// operator new of the test program. In its own file so that the compiler cannot optimise new/delete
+// pairs away.
 
 #include <cstdlib>
 #include <new>

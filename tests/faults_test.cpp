@@ -1,4 +1,4 @@
-// Every call of every command fails, and every allocation; after each the world must be whole.
+// Every call and every allocation of every command fails. After each, nothing may be half-made.
 
 #include <gtest/gtest.h>
 

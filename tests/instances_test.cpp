@@ -47,11 +47,11 @@ TEST(Instances, AreCopiedFromTheRecords) {
 TEST(Instances, TextOutsideTheBufferIsEmpty) {
   std::string record = instanceRecord(L"\\Device\\V3");
   auto& changed = *reinterpret_cast<INSTANCE_AGGREGATE_STANDARD_INFORMATION*>(record.data());
-  changed.Flags = 3;  // 2 alone means a legacy filter
+  changed.Flags = 3;  // only 2 means a legacy filter
   auto& mini = changed.Type.MiniFilter;
   mini.AltitudeLength = 0xFFFE;
   mini.FilterNameBufferOffset = 510;
-  mini.FilterNameLength = 2;  // the last that lies within the buffer
+  mini.FilterNameLength = 2;  // the last inside the buffer
   mini.InstanceNameBufferOffset = 511;
   mini.InstanceNameLength = 2;
   world = attachedMachine();

@@ -10,7 +10,7 @@ function Get-TagPath([string] $File) {
 }
 $encoding = [Console]::OutputEncoding.WebName
 
-# A list, run twice: what has its tag goes on, what was there or names another file is refused.
+# A list, run twice: a file with its tag continues; an existing file without it is refused.
 Set-Content taken 'mine'
 New-ZanRestore other 'c:\none' | Out-Null
 Set-Content list.csv 'File,Backing', 'one,c:\data', "two \u00e9,\\srv\share\data".Replace('\u00e9', [string][char]0xe9),
@@ -27,7 +27,7 @@ foreach ($run in 1, 2) {
 Confirm-That 'the content' ((Get-FileHash one).Hash -eq (Get-FileHash back/data).Hash)
 Confirm-That 'a bystander' ((Get-Content taken) -eq 'mine')
 
-# Whatever the words hold reaches the tool unharmed.
+# Words reach the tool unchanged, whatever they contain.
 foreach ($backing in 'c:\my dir\', 'c:\a"b\\"c d\\', 'c:\[x]*?', "c:\it's `$HOME %PATH%", 'c:\', "c:\$([char]0x4e2d)$([char]::ConvertFromUtf32(0x1f600))") {
     Remove-Item words, './words:restore_filter_tag' -ErrorAction Ignore
     New-ZanRestore words $backing | Out-Null
@@ -44,13 +44,13 @@ foreach ($name in 'c', '-dash', '--ping', 'a[1]*', ' blank "quote"', "$([char]0x
 Pop-Location
 Confirm-That 'the PSDrive' (Test-Path drive)
 
-# What a filter at its limit refuses is started when others are whole.
+# A file that a filter at its limit refuses is started when others are whole.
 $many = @(1..20 | ForEach-Object { New-ZanRestore "many$_" 'c:\data' } | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)
 Confirm-That 'all of many are whole' (@($many | Where-Object IsWhole).Count -eq 20)
 Confirm-That 'an empty one is whole' (@(New-ZanRestore empty 'c:\none' | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)[0].IsWhole)
 New-ZanRestore idle 'c:\data' | Out-Null
 
-# Errors: one a file, with the tool's lines and their HRESULT; terminating when asked to be.
+# Errors: one per file, with the tool's output and its HRESULT; terminating on request.
 foreach ($row in @(
         { New-ZanRestore 'foo.' 'c:\data' }, 'ends in a dot', 0x80070057),
     @({ New-ZanRestore 'foo ' 'c:\data' }, 'ends in a dot or a space', 0x80070057),

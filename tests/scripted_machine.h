@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
-// A machine in memory behind the names of kernel32 and fltlib: it records every call
-// with its arguments, plays back what the test says and can fail any call and any
-// allocation of the program.
+// A machine in memory that implements the functions of kernel32 and fltlib. It records every call
+// with its arguments, answers as the test says, and can fail any call and any allocation.
 namespace scripted {
 
 // Codes with a meaning of their own in `failing`.
@@ -60,8 +59,8 @@ machine attachedMachine();
 /// What the system calls the volume with this id.
 std::wstring nameOfVolume(const std::wstring& id);
 
-/// A Filter Manager record of an instance on the volume `device`; `pad` bytes lie
-/// between its fields and its texts.
+/// A Filter Manager record of an instance on the volume `device`, with `pad` bytes between its
+/// fields and its texts.
 std::string instanceRecord(const std::wstring& device, bool isLegacy = false, std::size_t pad = 0);
 
 struct outcome {

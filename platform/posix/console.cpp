@@ -1,5 +1,4 @@
-// Standard output. It is never a Windows console here: a terminal takes UTF-8,
-// like a file.
+// Standard output. It is never a Windows console here: a terminal takes UTF-8, like a file.
 
 #include <windows.h>
 

@@ -1,5 +1,5 @@
-// The debug trace: one datagram a line to whoever listens under the name that a
-// debug monitor has on Windows.
+// The debug trace: one datagram per line, to the listener under the name that a debug monitor has
+// on Windows.
 
 #include <windows.h>
 

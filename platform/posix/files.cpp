@@ -1,5 +1,5 @@
-// Files and named streams. A named stream is the path as written, less a final ":$DATA": a file
-// NAME:STREAM beside NAME, or the real named stream where NTFS is mounted with them.
+// Files and named streams. A named stream is the path as written, without a final ":$DATA": a file
+// NAME:STREAM beside NAME, or the real named stream on NTFS mounted with them.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,13 +18,12 @@ namespace {
 
 constexpr std::string_view defaultStreamType = ":$DATA";
 
-// The stream that this process created last. Where a stream is a file of its
-// own, deleting its file must take it along, but never a file of that name that
-// somebody else put there.
+// The latest stream that this process created. If a stream is a separate file, deleting its file
+// must delete it too, but never somebody else's file of that name.
 char createdStream[PATH_MAX];
 
-// Drops the type from a stream's name, FILE:STREAM:$DATA. False when the name has a
-// type but no stream, or a stream of a stream: no file is named so.
+// Removes the type from a stream's name, FILE:STREAM:$DATA. False if the name has a type but no
+// stream, or a stream of a stream: both are invalid.
 bool dropStreamType(host_string& path) {
   std::string_view name(path.bytes, path.size);
   name.remove_prefix(name.rfind('/') + 1);
@@ -61,11 +60,11 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   if (!dropStreamType(host)) return openFailed(EINVAL, host);
   const bool isStream = host.size < givenSize;
 
-  // O_NONBLOCK, so that a FIFO does not hold the program up.
+  // O_NONBLOCK, so that a FIFO does not block the program.
   int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
   if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
-  // Whoever can write a tag chooses what a filter reads.
+  // 0644: who can write a tag chooses what a filter reads.
   descriptor file(open(host.bytes, flags, isStream ? 0644 : 0666));
   if (!file.isOpen()) return openFailed(errno, host);
 
@@ -80,8 +79,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   return handleOf(file.release());
 }
 
-// All of the data or a failure, as on a Windows disk: after a short write it writes
-// again, and that error says why.
+// Writes all of the data or fails, as on a Windows disk. After a short write it writes again: the
+// error of that says why.
 BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
   *written = 0;
   while (*written < size) {

@@ -1,8 +1,7 @@
-// The Filter Manager: an instance is a listening socket that is named as a port
-// is, a connection is a SOCK_SEQPACKET socket. The connector sends its context
-// and gets an HRESULT (int32, little-endian); a message is the size of the
-// output buffer (uint32) and the input bytes, its answer an HRESULT and the
-// reply, at most that many bytes.
+// The Filter Manager. An instance is a listening socket with the name of a port, and a connection
+// is a SOCK_SEQPACKET socket. The client sends its context and gets an HRESULT (int32,
+// little-endian). A message is the size of the output buffer (uint32) and the input bytes. Its
+// answer is an HRESULT and the reply, at most that many bytes.
 
 #include <fltuser.h>
 #include <sys/uio.h>
@@ -55,7 +54,7 @@ std::vector<dev_t> listeningDevices(const std::string& sockets, const std::strin
   return devices;
 }
 
-// Appends `text` in UTF-16 behind the record and says where it lies.
+// Appends `text` in UTF-16 to the record, and sets its length and offset.
 void place(std::string_view text, std::vector<BYTE>& record, USHORT& length, USHORT& offset) {
   offset = static_cast<USHORT>(record.size());
   length = static_cast<USHORT>(2 * text.size());
@@ -86,8 +85,8 @@ HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD
   return S_OK;
 }
 
-// One packet of two parts out, one of an HRESULT and a reply in. The count of
-// reply bytes, or -1 when the peer is gone.
+// Sends one packet of two parts, receives one of an HRESULT and a reply. Returns the count of reply
+// bytes, or -1 if the peer is gone.
 ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec reply) {
   msghdr message{};
   message.msg_iov = packet.data();
@@ -100,7 +99,7 @@ ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec r
                                                      : size - static_cast<ssize_t>(sizeof(result));
 }
 
-// Whether root or this process's own user listens there: anybody can take a port's name.
+// Whether root or this process's user listens there: anybody can take a port's name.
 bool isTrusted(int port) {
   ucred listener{};
   socklen_t size = sizeof(listener);
@@ -136,7 +135,7 @@ HRESULT FilterInstanceFindNext(HANDLE search, INSTANCE_INFORMATION_CLASS, LPVOID
   }
 }
 
-// A search that found nothing has nothing to close.
+// A search that found nothing has no handle.
 HRESULT FilterInstanceFindClose(HANDLE search) {
   if (search != INVALID_HANDLE_VALUE) delete static_cast<instance_search*>(search);
   return S_OK;

@@ -5,8 +5,8 @@
 #include <climits>
 #include <cstddef>
 
-/// A path or another name in the host's form, zero-terminated, made from one in UTF-16. One that
-/// the host could not open anyway, because it exceeds PATH_MAX, is empty and `fits` false.
+/// A path or another name in the host's encoding, zero-terminated, made from UTF-16. If it exceeds
+/// PATH_MAX, so that the host could not open it, it is empty and `fits` is false.
 struct host_string {
   explicit host_string(LPCWSTR text);
 

@@ -4,14 +4,13 @@
 
 #include <cerrno>
 
-/// The Windows error code that says what the errno value `error` says;
-/// ERROR_GEN_FAILURE where none does.
+/// The Windows error code for the errno value `error`; ERROR_GEN_FAILURE if there is none.
 DWORD windowsErrorFor(int error);
 
-/// What errno says, as an HRESULT.
+/// errno as an HRESULT.
 inline HRESULT hostFailure() { return HRESULT_FROM_WIN32(windowsErrorFor(errno)); }
 
-/// What a call that failed returns: sets the last error to `code`, or to what errno says.
+/// For the return of a failed call: sets the last error to `code`, or to errno, and returns false.
 inline bool failsWith(DWORD code) {
   SetLastError(code);
   return false;

@@ -1,5 +1,4 @@
-// The entry on Linux: makes the process what wmain expects and hands it the
-// arguments in UTF-16.
+// The entry on Linux: prepares the process for wmain and passes the arguments in UTF-16.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,8 +16,8 @@
 
 namespace {
 
-// A descriptor of 0 to 2 that is closed would be the number of the next file
-// or socket, and what is printed would go into it.
+// If descriptor 0, 1 or 2 were closed, the next file or socket would get that number, and output
+// would go into it.
 bool keepStandardDescriptors() {
   pollfd standard[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
   if (poll(standard, 3, 0) < 0) return false;
@@ -36,8 +35,8 @@ int main(int argc, char** argv) {
     std::cerr << ZAN_PROGRAM ": out of file descriptors" << std::endl;
     return 1;
   }
-  // A reader that has gone and a file size limit must be failed writes, not signals that
-  // end the process: that would leave a half-made file.
+  // A lost reader and a file size limit must make writes fail. As signals they would end the
+  // process and leave a half-made file.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
 

@@ -17,7 +17,7 @@ namespace {
 constexpr std::string_view idPrefix = "Volume{00000000-0000-0000-0000-";
 constexpr std::size_t idDigits = 12;
 
-// The next field of a line, up to `end`, cut off `rest`.
+// Removes the next field of a line, up to `end`, from `rest`.
 std::string_view nextField(std::string_view& rest, char end = ' ') {
   const std::string_view field = rest.substr(0, rest.find(end));
   rest.remove_prefix(std::min(field.size() + 1, rest.size()));

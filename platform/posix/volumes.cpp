@@ -1,5 +1,4 @@
-// Volumes: the host's mounts. A volume is a device number; several mounts of
-// one device are one volume.
+// Volumes: the host's mounts. A volume is a device number. All mounts of one device are one volume.
 
 #include <windows.h>
 
@@ -27,8 +26,7 @@ struct volume_search {
   std::size_t next = 0;
 };
 
-// Decodes `text` and a terminating zero into `units`, which holds `size`. A text
-// that exceeds PATH_MAX is nobody's name.
+// Decodes `text` and a terminating zero into `units`, which holds `size`. No name exceeds PATH_MAX.
 bool answer(std::string_view text, LPWSTR units, DWORD size) {
   wchar_t decoded[PATH_MAX];
   if (text.size() >= PATH_MAX) return false;
@@ -46,7 +44,7 @@ bool answerVolumeName(dev_t device, LPWSTR volumeName, DWORD size) {
   return answer(name, volumeName, size) || failsWith(ERROR_FILENAME_EXCED_RANGE);
 }
 
-// Runs `call`. Out of memory: sets the error and returns 0, FALSE or null.
+// Runs `call`. If memory is lacking, sets the error and returns 0, FALSE or null.
 template <typename Call>
 auto guarded(Call call) -> decltype(call()) {
   try {

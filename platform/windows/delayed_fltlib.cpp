@@ -1,6 +1,6 @@
-// fltlib.dll is loaded at its first call, from System32 alone: a DLL of that name beside the
-// executable is never run. The other DLLs that it imports are among those that Windows itself
-// always takes from there. For linkers without /DEPENDENTLOADFLAG.
+// Loads fltlib.dll at its first call, only from System32: a DLL of that name beside the executable
+// never runs. Windows loads the other imported DLLs only from there anyway. For linkers without
+// /DEPENDENTLOADFLAG.
 
 #include <windows.h>
 // after <windows.h>:

@@ -1,10 +1,10 @@
-# What makes a program a Windows executable: resources, console subsystem, load options.
+# Makes a program a Windows executable: resources, console subsystem, load options, symbols.
 
 if(MSVC)
   target_link_libraries(fsfilter INTERFACE fltlib)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
-  # dlltool leaves temporary files behind.
+  # dlltool leaves temporary files.
   add_custom_command(OUTPUT ${delayed_fltlib}
     COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
       ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def

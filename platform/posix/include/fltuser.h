@@ -1,7 +1,7 @@
 #pragma once
 
-// What the program uses of <fltuser.h>: the Filter Manager's user-mode library,
-// with its own values and layouts.
+// The part of <fltuser.h> that the program uses: the Filter Manager's user-mode library, with its
+// own values and layouts.
 
 #include <windows.h>
 
@@ -16,8 +16,8 @@ constexpr ULONG FLTFL_IASIM_DETACHED_VOLUME = 1;
 constexpr ULONG FLTFL_IASIL_DETACHED_VOLUME = 1;
 constexpr HRESULT ERROR_FLT_FILTER_NOT_FOUND = static_cast<HRESULT>(0x801F0013);
 
-/// One instance; its texts are UTF-16 behind it in the buffer, at offsets from
-/// its start, lengths in bytes.
+/// One instance. Its texts follow in the buffer, in UTF-16, at offsets from its start; lengths are
+/// in bytes.
 struct INSTANCE_AGGREGATE_STANDARD_INFORMATION {
   ULONG NextEntryOffset;
   ULONG Flags;

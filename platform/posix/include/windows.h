@@ -1,9 +1,8 @@
 #pragma once
 
-// What the program uses of <windows.h>, with Windows' own types, values and
-// layouts, for a machine that has no Windows. Implemented in platform/posix/
-// over the host's files, mounts and sockets; the tests put a scripted
-// implementation in its place. A wchar_t holds one UTF-16 code unit.
+// The part of <windows.h> that the program uses, with Windows' own types, values and layouts.
+// platform/posix/ implements it with the host's files, mounts and sockets. The tests link a
+// scripted implementation instead. A wchar_t holds one UTF-16 code unit.
 
 #include <cstdint>
 
@@ -84,7 +83,7 @@ constexpr HRESULT HRESULT_FROM_WIN32(DWORD code) {
 
 extern "C" {
 
-/// The code of this thread's latest failure; what a call fails with.
+/// The code of this thread's latest failure, and how a call sets it.
 DWORD WINAPI GetLastError();
 void WINAPI SetLastError(DWORD code);
 
