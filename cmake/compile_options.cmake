@@ -13,7 +13,8 @@ else()
   add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow)
   # Source paths inside the programs are relative to the project.
   add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
-                      -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+                      -ffile-prefix-map=${PROJECT_BINARY_DIR}/=
+                      -fdebug-prefix-map=${PROJECT_BINARY_DIR}=.)
   add_compile_options(-ffunction-sections -fdata-sections)
   add_link_options(-Wl,--gc-sections)
 endif()

@@ -4,11 +4,12 @@ if(MSVC)
   target_link_libraries(fsfilter INTERFACE fltlib)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
-  # dlltool leaves temporary files.
+  # dlltool leaves temporary files, and makes symbols of the output's path.
   add_custom_command(OUTPUT ${delayed_fltlib}
     COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
       ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
-      --output-delaylib ${delayed_fltlib}
+      --output-delaylib libdelayed_fltlib.a
+    WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
     DEPENDS platform/windows/fltlib.def)
   add_custom_target(delayed_fltlib DEPENDS ${delayed_fltlib})
   add_dependencies(fsfilter delayed_fltlib)
