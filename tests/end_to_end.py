@@ -29,6 +29,7 @@ IS_ROOT = os.name == "posix" and os.geteuid() == 0
 NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, EXISTS, INVALID, FULL, BUSY, TOO_SHORT, IO_ERROR, NOT_FOUND = \
     (0x80070000 | code for code in (3, 4, 5, 6, 32, 80, 87, 112, 170, 1006, 1117, 1168))
 OK, NO = struct.pack("<I", 0), struct.pack("<I", DENIED)
+REFUSED = "FilterConnectCommunicationPort failed: portName = %s, error = 0x80070005\n"
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
 # A user's locale must make no difference; Wine's own names of files follow it.
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
@@ -147,11 +148,8 @@ class story(unittest.TestCase):
     def limit_descriptors(self, count):
         resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, count))
 
-    def files_of_filter(self):
-        return len(os.listdir("/proc/%d/fd" % self.filter_pid))
-
-    def threads_of_filter(self):
-        return len(os.listdir("/proc/%d/task" % self.filter_pid))
+    def count_of_filter(self, kind):
+        return len(os.listdir("/proc/%d/%s" % (self.filter_pid, kind)))
 
     def set_up_file(self, name, backing="c:\\data"):
         self.assertEqual(tool(name, backing)[0], 0)
@@ -348,7 +346,7 @@ class WithRestoreFilter(story):
         os.close(leased)
 
     def test_survives_silent_clients(self):
-        opened = self.files_of_filter()
+        opened = self.count_of_filter("fd")
         clients = [socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) for _ in range(300)]  # more than it keeps
         for client in clients:
             client.connect("\0" + port_of("."))
@@ -360,7 +358,7 @@ class WithRestoreFilter(story):
         self.assertEqual(send("--ping", "back/data"), 0)
         for client in clients:
             client.close()
-        eventually(lambda: self.files_of_filter() <= opened)
+        eventually(lambda: self.count_of_filter("fd") <= opened)
 
     def test_restores_drives_shares_and_holes(self):
         self.assertEqual(resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE), (100, 100))
@@ -427,10 +425,10 @@ class WithRestoreFilter(story):
 
     def test_ends_with_its_file_and_attaches_once(self):
         self.set_up_huge("local")
-        opened = self.files_of_filter()
+        opened = self.count_of_filter("fd")
         self.start("local", 4)
         os.unlink("local")
-        eventually(lambda: self.files_of_filter() <= opened)
+        eventually(lambda: self.count_of_filter("fd") <= opened)
         second = subprocess.run([FILTER, "."], capture_output=True, text=True)
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
@@ -459,8 +457,7 @@ class WithRestoreFilter(story):
         shutil.copy(TOOL, "tool")
         with monitor() as lines:
             self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), BAD_HANDLE)
-        self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
-                                 "error = 0x80070005\n" % port_of(".")])
+        self.assertEqual(lines, [REFUSED % port_of(".")])
 
 
 class WithPeer(story):
@@ -481,8 +478,7 @@ class WithPeer(story):
         with monitor() as lines, peer(OK, OK + bytes(16), owner=65534) as packets:
             self.assertEqual(send("--ping", "back/data"), BAD_HANDLE)
         self.assertEqual(packets, [b""])
-        self.assertEqual(lines, ["FilterConnectCommunicationPort failed: portName = %s, "
-                                 "error = 0x80070005\n" % port_of(".")])
+        self.assertEqual(lines, [REFUSED % port_of(".")])
 
     def test_traces_when_no_filter_is_loaded(self):
         with monitor() as lines, socket.socket(socket.AF_UNIX) as stream:
@@ -589,7 +585,7 @@ class WithFailingCalls(story):
                 if end != TOO_SHORT:
                     self.start("local")
                     self.assertLess(*progress("local"))
-                    self.assertEqual(self.threads_of_filter(), 2)  # the one that waits is woken
+                    self.assertEqual(self.count_of_filter("task"), 2)  # the one that waits is woken
             eventually(lambda: progress("local") == end)
             self.stop_filter(self.filter)
             for name in ("local", tag, "local:restore_filter_progress"):
@@ -606,7 +602,7 @@ class WithFailingCalls(story):
         for word in ("--ping", "--progress", "--stopAggressiveRestore"):
             self.assertEqual({send(word, name) for name in names}, {0})
         stopped = [os.path.getsize(name) for name in names]
-        eventually(lambda: self.threads_of_filter() == 1)  # their reads were under way
+        eventually(lambda: self.count_of_filter("task") == 1)  # their reads were under way
         self.assertEqual([os.path.getsize(name) for name in names], stopped)
         for name in names:
             eventually(lambda: send("--startAggressiveRestore", name, "1") == 0)
