@@ -21,9 +21,9 @@ int usage(std::ostream& output, int status) {
       << "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]\n"
          "zan_filter_check --help | --version\n"
          "\n"
-         "Checks whether the restore filter on FOLDER's volume keeps its contract. Works in a new\n"
-         "folder in FOLDER and in BACKING_FOLDER, and removes both at the end.\n"
-         "AS is the filter's name for BACKING_FOLDER, if that differs.\n"
+         "Checks whether the restore filter on FOLDER's volume keeps its contract. Creates a new\n"
+         "folder in FOLDER and one in BACKING_FOLDER, and removes these two at the end.\n"
+         "AS is the path by which the filter knows BACKING_FOLDER, if that differs.\n"
          "SECONDS (10) is how long to wait for an answer.\n";
   return status;
 }

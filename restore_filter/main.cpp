@@ -20,11 +20,11 @@
 namespace {
 
 constexpr const char* usageText =
-    "restore_filter [--log] [--drive L=DIR]... [--share \\\\SERVER\\SHARE=DIR]... DIR...\n"
+    "restore_filter [--log] [--drive L=FOLDER]... [--share \\\\SERVER\\SHARE=FOLDER]... DIR...\n"
     "restore_filter --help | --version\n"
     "\n"
     "Attaches to the volume of each DIR and serves its port until SIGINT or SIGTERM.\n"
-    "Looks up backing paths L:\\... and \\\\SERVER\\SHARE\\... below their DIR.\n"
+    "Looks up backing paths L:\\... and \\\\SERVER\\SHARE\\... in their FOLDER.\n"
     "--log prints a line to standard error per message and per failed system call.\n";
 
 int usage() {

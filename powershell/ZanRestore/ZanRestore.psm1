@@ -178,8 +178,8 @@ function New-ZanRestore {
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER BackingPath
-    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. It is stored as given; nothing
-    checks that it exists.
+    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. The tag stores it in NT form.
+    Nothing checks that the file exists.
     .PARAMETER ConcurrentReads
     Unless it is 0, the tag records that the entire file is to be restored, with this many
     concurrent reads of the backing file. This starts nothing: see Start-ZanRestore. A list can have
@@ -225,8 +225,8 @@ function Start-ZanRestore {
     Starts the aggressive restoration of a file that has been set up.
     .DESCRIPTION
     Returns when the restoration has begun. Wait-ZanRestore waits for its end. A file that is
-    already being restored is returned. If the filter has no files, memory or threads left, the file
-    is started when other files are whole.
+    already being restored is returned. If the filter has reached its limit of open files, memory or
+    threads, the file is started when other files are finished.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
@@ -278,7 +278,7 @@ function Stop-ZanRestore {
     .SYNOPSIS
     Stops the aggressive restoration of a file.
     .DESCRIPTION
-    Start-ZanRestore continues the restoration.
+    To continue the restoration, use Start-ZanRestore.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .EXAMPLE
