@@ -147,9 +147,9 @@ class trial {
   trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
         std::wstring port, std::chrono::seconds longest)
       : folder(parent),
+        limit(longest),
         backingFolder(backingParent),
         portName(std::move(port)),
-        limit(longest),
         stallLimit(6 * longest) {
     const std::wstring separator = as.find(L'\\') == as.npos ? L"/" : L"\\";
     prefix = as + (as.ends_with(separator) ? L"" : separator);
@@ -158,6 +158,7 @@ class trial {
   }
 
   const own_folder folder;
+  const std::chrono::seconds limit;
   std::wstring prefix;           // of a backing file's path as the filter knows it
   std::vector<std::string> log;  // what was sent, and what came
   std::string choice;            // what the filter does where the contract leaves it open
@@ -261,7 +262,7 @@ class trial {
           return answer{result, reply};
         });
     log.back() += hex(came.result);
-    expect(came.result <= 0, "S_OK or a failure: any other success code is a failure");
+    expect(came.result <= 0, "S_OK or a failure code: the tool takes only S_OK for a success");
     expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
            "any answer but 0x80070006, which looks like a lost connection");
     return came;
@@ -282,13 +283,11 @@ class trial {
     return info;
   }
 
-  /// Sends, and reports the answer as the filter's choice; a ping must succeed.
-  void tell(const fs::path& file, ControlOperation operation) {
-    const HRESULT result = send(file, {operation}).result;
-    choice = operation == Ping ? "" : hex(result);
-    if (operation == Ping) expect(result, S_OK);
-    if (operation != QueryProgress || result != S_OK) return;
-    choice = isWhole(progress(file)) ? "whole" : "not whole";
+  /// Sends. If it need not succeed, reports the answer as the filter's choice.
+  void tell(const fs::path& file, const request& what, bool mustSucceed) {
+    const HRESULT result = send(file, what).result;
+    choice = mustSucceed ? "" : hex(result);
+    if (mustSucceed) expect(result, S_OK);
   }
 
   /// Starts or continues a file, and waits until it is whole.
@@ -359,7 +358,6 @@ class trial {
 
   const own_folder backingFolder;
   const std::wstring portName;
-  const std::chrono::seconds limit;
   std::chrono::seconds stallLimit;
   int files = 0;
 };

@@ -23,16 +23,17 @@
 /* Length in bytes of the connection context. Its content means nothing. */
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
-/* The named stream of a local file that holds one RestoreTagRecord and nothing else: its name, and
- * the suffix that it adds to the file's path. */
+/* The named stream of a local file that holds one RestoreTagRecord and nothing else. The first form
+ * is its name, the second follows the file's path. */
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
-/* How to restore a file. Codes are 32 bits wide in both languages. Other values can arrive too. */
+/* How to restore a file: 32 bits, in C and in C++. Another sender, or a tag that somebody else
+ * wrote, can have other values. */
 #if defined(__cplusplus)
 enum class RestoreStrategyKind : uint32_t {
   none = 0,  /* only what is read */
-  simple = 1 /* with concurrent reads of the backing file */
+  simple = 1 /* the entire file, with concurrent reads of the backing file */
 };
 #else
 typedef uint32_t RestoreStrategyKind;
@@ -86,20 +87,20 @@ enum {
 
 typedef struct ControlRequest {
   ControlOperation operation;
-  RestoreStrategy strategy; /* for StartAggressiveRestore; else both fields are 0 */
+  RestoreStrategy strategy; /* of StartAggressiveRestore; otherwise ignore it (this tool sends 0) */
 } ControlRequest;
 
 /* The input buffer of every send. */
 typedef struct ControlMessage {
   uint64_t fileHandle; /* the local file, in the sender's handle table */
   ControlRequest request;
-  uint32_t padding; /* 0 */
+  uint32_t padding; /* ignore it (this tool sends 0) */
 } ControlMessage;
 
 /* The output buffer of QueryProgress. The other operations have none. */
 typedef struct ProgressInfo {
   uint64_t progress; /* how far the restoration has come */
-  uint64_t total;    /* progress of a whole file */
+  uint64_t total;    /* the value of progress when the restoration is finished */
 } ProgressInfo;
 
 #if defined(__cplusplus)
