@@ -1,5 +1,5 @@
-/* What zan_restore is measured beside: the same system calls with the same arguments and the same
- * bytes out, and nothing else: bare FILE NTPATH. */
+/* What zan_restore is compared with. `bare FILE NTPATH` makes the same system calls with the same
+ * arguments, writes the same bytes, and does nothing else. */
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>

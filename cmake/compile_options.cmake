@@ -1,5 +1,5 @@
-# Flags of every target, tests included: warnings, reproducible output,
-# hardening, sanitizers.
+# Flags of every target, tests included: warnings, reproducible output, sanitizers, and with MSVC
+# control flow guard.
 
 if(MSVC)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
@@ -19,11 +19,11 @@ else()
   add_link_options(-Wl,--gc-sections)
 endif()
 if(MINGW)
-  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-g>) # kept apart: executable.cmake
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-g>) # executable.cmake keeps the symbols apart
   add_link_options(-static)
 endif()
 
-if(WIN32) # Windows 10: the Filter Manager's newest record layout
+if(WIN32) # Windows 10; record layouts of Windows 8 and later
   add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 NTDDI_VERSION=0x0A000000 NOMINMAX)
 endif()
 

@@ -11,5 +11,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine)
-# GoogleTest is built along: Debian ships its source, no library for Windows.
+# GoogleTest is built with the tests: Debian ships its source, no library for Windows.
 set(ZAN_GOOGLETEST_SOURCE /usr/src/googletest)

@@ -16,7 +16,7 @@ install(FILES docs/failures.md docs/first-hour-on-windows.md docs/fleets.md docs
   DESTINATION ${ZAN_DOCUMENTS}/docs)
 install(DIRECTORY docs/images DESTINATION ${ZAN_DOCUMENTS}/docs)
 if(WIN32)
-  install(DIRECTORY powershell/ZanRestore DESTINATION .) # beside the tool, where it looks for it
+  install(DIRECTORY powershell/ZanRestore DESTINATION .) # the module looks for the tool in its parent folder
 else()
   install(DIRECTORY powershell DESTINATION ${ZAN_DOCUMENTS})
   install(FILES completions/zan_restore DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
@@ -67,10 +67,10 @@ else()
   set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "\
-It tags files on a volume with named streams, such as NTFS, to be filled
-from a backing data file by the restore filter, a Windows file-system
-minifilter driver, and sends that filter its requests: ping, start and
-stop of aggressive restoration, and progress.
+It tags files so that the restore filter, a Windows file-system minifilter
+driver, fills them from a backing data file. The volume needs named streams,
+as on NTFS. It also sends the filter requests: ping, start and stop of
+aggressive restoration, and progress.
 
 It comes with the header and the documents for people who write a
 restore filter.")

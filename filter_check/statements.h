@@ -2,7 +2,7 @@
 
 #include "filter_check/trial.h"
 
-/// One statement of the contract, or one for each of `rows`: their text stands for "{}".
+/// One statement of the contract, or one per row, whose text replaces "{}".
 struct statement {
   struct row {
     row(std::int64_t number) : text(std::to_string(number)), value(number) {}
@@ -19,6 +19,7 @@ struct statement {
   bool isVital = false;  // if it fails, nothing else can be tried
 };
 
-/// Every statement of the contract that can be seen from outside, in the order of its page.
-/// `instances`: how many the filter has on the volume. `isOneVolume`: the backing files are there.
+/// The statements of the contract that messages and file contents can show, in the order of its
+/// page. `instances`: how many the filter has on the volume. `isOneVolume`: whether the backing
+/// files are on the same volume.
 std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVolume);

@@ -138,7 +138,8 @@ struct answer {
 };
 
 /// What statements are tried with: new files and messages. Backing files are named by their
-/// size. Anything that breaks the contract throws violation. Nothing waits longer than `limit`.
+/// size. Anything that breaks the contract throws violation. An answer may take `limit`, a file
+/// without progress six times that.
 class trial {
  public:
   using file_action = std::function<void(const fs::path&)>;
@@ -170,7 +171,7 @@ class trial {
     for (const auto& each : fs::directory_iterator(folder.path)) fs::remove(each.path());
   }
 
-  /// A backing file of random bytes; made when it is new.
+  /// A backing file of random bytes; created at its first use.
   fs::path backing(std::uint64_t size) const {
     fs::path file = backingFolder.path / std::to_string(size);
     if (fs::exists(file)) return file;
@@ -184,7 +185,7 @@ class trial {
     return tagFor(prefix + zan::widePath(backing(size).filename()));
   }
 
-  /// Where the next new file will be, and new ones: without a tag, and with one.
+  /// The path of the next new file. newFile creates it, without or with a tag.
   fs::path nextFile() const { return folder.path / ("file" + std::to_string(files + 1)); }
   fs::path newFile() {
     fs::path file = nextFile();
@@ -319,7 +320,7 @@ class trial {
     throw violation{"the backing file's bytes once progress and total are equal"};
   }
 
-  /// Runs `action` on a file that is being restored before and after it; the file, and its size.
+  /// Runs `action` on a file that is being restored before and after. The file, and its size.
   std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action) {
     for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
       const fs::path file = newFile(size);

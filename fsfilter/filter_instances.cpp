@@ -17,10 +17,10 @@ namespace {
 constexpr std::size_t smallestRecordBuffer = 512;  // bytes
 constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 
-// The layout of Windows 8 and later, in which a legacy filter also has a name.
+// The layout of Windows 8 and later.
 static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
 
-// Closes the search, even if it found nothing.
+// Closes the search, even one that was never opened.
 struct instance_search {
   ~instance_search() {
     const HRESULT closed = FilterInstanceFindClose(handle);

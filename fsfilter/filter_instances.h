@@ -7,7 +7,7 @@
 
 namespace zan::fsfilter {
 
-/// One instance of a minifilter as the Filter Manager reports it. A copy, without pointers into the
+/// One instance of a filter as the Filter Manager reports it. A copy, without pointers into the
 /// Filter Manager's buffer. See INSTANCE_AGGREGATE_STANDARD_INFORMATION.
 struct FilterInstanceInfo {
   bool isLegacyFilter = false;

@@ -7,7 +7,7 @@
 namespace zan::fsfilter {
 
 /// One connection to a communication port of the restore filter. The destructor closes it. A failed
-/// connection is traced, not thrown, and makes the first send fail. See
+/// connection is traced, not thrown, and makes every send fail. See
 /// FilterConnectCommunicationPort, FilterSendMessage.
 class filter_port {
  public:
@@ -20,7 +20,7 @@ class filter_port {
 
   /// Sends `inputLength` bytes and waits until the filter has handled them. Returns how many bytes
   /// it wrote to `output`, which may be null with length 0. Throws zan::except::result_exception on
-  /// any HRESULT but S_OK, and if the object is not connected. The connection is not changed.
+  /// any HRESULT but S_OK, and if the object is not connected. The connection stays open.
   DWORD sendMessage(void* input, DWORD inputLength, void* output, DWORD outputLength);
 
  private:

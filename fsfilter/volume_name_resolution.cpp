@@ -15,8 +15,8 @@
 namespace zan::fsfilter {
 namespace {
 
-constexpr std::size_t smallestDeviceBuffer = MAX_PATH;        // UTF-16 code units
-constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;  // 1 MiB
+constexpr std::size_t smallestDeviceBuffer = MAX_PATH;  // UTF-16 code units
+constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;
 
 constexpr std::wstring_view prefix = L"\\\\?\\";  // before a volume id
 

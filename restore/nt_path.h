@@ -3,7 +3,7 @@
 #include <string>
 
 /// Returns the backing path in the NT object namespace, where the restore filter looks it up:
-/// "\??\" before a drive-letter path (the first colon is its second code unit), "\Device\Mup"
-/// before a UNC path less one of its two backslashes. Any other path is returned unchanged. Changes
-/// only the prefix and checks nothing on the disk.
+/// a drive-letter path (the first colon is its second code unit) gets "\??\" in front, a UNC path
+/// gets "\Device\Mup" in place of its first backslash. Any other path is returned unchanged.
+/// Changes only the prefix and checks nothing on the disk.
 std::wstring toNtPath(const std::wstring& backingPath);

@@ -10,7 +10,7 @@
 
 namespace {
 
-// One 16 KiB buffer. The record is its first 16376 bytes.
+// One 16 KiB buffer. Only its first 16376 bytes, the record, are written.
 struct tag_buffer {
   RestoreTagRecord record;
   unsigned char unused[8];

@@ -27,7 +27,7 @@ class backing_folders {
   std::vector<folder> folders;
 };
 
-/// Reopens a regular file, O_PATH in `path`, with the open(2) `flags`. Nothing else is opened, so
-/// nothing blocks or has side effects. S_OK, or as an HRESULT ERROR_ACCESS_DENIED for a folder,
-/// E_INVALIDARG for a pipe, a device and the like, or why else not.
+/// If the O_PATH descriptor `path` is a regular file, reopens it with the open(2) `flags`. Opens
+/// nothing else, so nothing blocks or has side effects. Returns S_OK, ERROR_ACCESS_DENIED as an
+/// HRESULT for a folder, E_INVALIDARG for a pipe, a device and the like, or why the open failed.
 HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file);

@@ -4,8 +4,8 @@
 
 #include "platform/posix/descriptor.h"
 
-/// Raises the limit as far as it goes: a restoration takes three descriptors, and the usual soft
-/// limit would be used up by 300 files.
+/// Raises the limit as far as it goes: a restoration takes three descriptors, at first four, and
+/// 300 files would use up the usual soft limit.
 inline void raiseDescriptorLimit() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -13,8 +13,8 @@ inline void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Whether the process may still open `count` descriptors, as seen from the latest: they are
-/// handed out lowest first.
+/// Whether the process may still open `count` descriptors. Judged by the number of the latest one,
+/// because the kernel hands out the lowest free number.
 inline bool leavesFree(const descriptor& latest, int count) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);

@@ -18,7 +18,7 @@
 namespace {
 
 constexpr int mostReads = 64;  // a larger n is served as this many
-// Descriptors that restorations leave to others before they open the local file and its record.
+// A start is refused unless this many descriptors are free for other uses.
 constexpr int reservedDescriptors = 14;
 
 const HRESULT busy = HRESULT_FROM_WIN32(ERROR_BUSY);
@@ -105,7 +105,7 @@ HRESULT message_handler::find(const target& local, state& found) const {
   const auto size = static_cast<std::uint64_t>(status.st_size);
   HRESULT result = S_OK;
   if (size > 0) result = found.record.read(local.file);
-  // Nobody knows where its content is from.
+  // It has content of unknown origin.
   if (result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
   const std::uint64_t restored = found.record.restored();
   found.progress = {restored, restored};

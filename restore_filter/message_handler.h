@@ -24,13 +24,13 @@ class message_handler {
   message_handler(const message_handler&) = delete;
   message_handler& operator=(const message_handler&) = delete;
 
-  /// Handles a message of `size` bytes from the process `sender`, of this process's mount name
-  /// space, to the instance on the volume `device`. Returns the status of the send; `reply` and
-  /// `replySize` (bytes) are its answer. A file that is refused is left untouched.
+  /// Handles a message of `size` bytes to the instance on the volume `device`. The process `sender`
+  /// must be in this process's mount name space. Returns the status of the send; `reply` and
+  /// `replySize` (bytes) are its answer. Does not touch a file that it refuses.
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Closes the files of the restorations that have ended; why one failed is kept.
+  /// Closes the files of the restorations that have ended. Keeps the reason of a failure.
   void forgetEnded() noexcept;
 
  private:
@@ -42,7 +42,7 @@ class message_handler {
     file_key key;
     std::string backingPath;  // of its tag
   };
-  // What is restored of a file, while nothing is written into it.
+  // The state of a file while no restoration of it runs.
   struct state {
     progress_record record;
     descriptor backing = descriptor();  // closed if the file is whole

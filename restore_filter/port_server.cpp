@@ -17,7 +17,7 @@
 
 namespace {
 
-// Above this number one is dropped. The tool's own last for one message.
+// When there are this many, an old one is dropped. The tool's own last for one message.
 constexpr std::size_t mostConnections = 200;
 // Descriptors that connections leave free for the handling of a message.
 constexpr int reservedDescriptors = 8;
@@ -25,7 +25,7 @@ constexpr int idleMilliseconds = 1000;
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 
-void waitForResources() { usleep(10000); }  // until they have recovered
+void waitForResources() { usleep(10000); }  // somebody may free some meanwhile
 
 }  // namespace
 
@@ -43,7 +43,7 @@ std::string port_server::attach(const char* path, std::string& why) {
   }
   descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const abstract_address address(name);
-  // No descriptors from clients, if the kernel knows this: closing one may take long.
+  // Clients cannot pass descriptors, if the kernel knows this: to close one may take long.
   constexpr int passRights = 83, no = 0;  // SO_PASSRIGHTS, Linux 6.16
   setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
@@ -110,8 +110,8 @@ void port_server::accept(const port& from) {
   connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
 }
 
-// Receives one packet and answers it. False if the peer has hung up, which recv reports as an empty
-// packet.
+// Receives one packet and answers it. False if the connection is over: it failed, its context was
+// refused, or the peer has hung up, which recv reports as an empty packet.
 bool port_server::receive(connection& from, bool isHungUp) {
   std::array<char, 64> packet;  // larger than any valid packet
   const ssize_t size = recv(from.socket.get(), packet.data(), packet.size(), MSG_TRUNC);

@@ -11,8 +11,8 @@
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one per volume, and their connections. Serves only its
-/// own user. A slow or silent client delays nobody, nor does a slow read or sync. But everybody
-/// waits while opening or writing a file hangs.
+/// own user. A slow or silent client delays nobody, nor does a slow read or sync. But if opening
+/// or writing a file blocks, every client waits.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}

@@ -20,8 +20,8 @@ namespace {
 constexpr std::uint64_t chunkSize = 512 * 1024;              // bytes of one read
 constexpr std::uint64_t saveInterval = 64ULL * 1024 * 1024;  // bytes
 
-// All restorations share the reads beyond each one's first: 64 MiB of buffers, and 1 MiB for each
-// file, which is read and written.
+// Each restoration has one read of its own and takes more from this pool. The pool's buffers are 64
+// MiB. Each file has 1 MiB more: one chunk is read while another is written.
 std::counting_semaphore<> sharedReads(128);
 struct read_share {
   explicit read_share(int wanted) {
@@ -108,7 +108,7 @@ void restoration::run() {
 HRESULT restoration::restore() {
   if (record.isWhole()) return S_OK;
   HRESULT result = save(false);  // before the first byte is written
-  // After a failed sync the cache may have bytes that the disk lacks, and never write them.
+  // After a failed sync the cache may hold bytes that it will never write to the disk: drop them.
   posix_fadvise(local.get(), 0, 0, POSIX_FADV_DONTNEED);
   std::uint64_t end = UINT64_MAX;
   while (result == S_OK && position != end && isRunning()) {
@@ -136,7 +136,7 @@ HRESULT restoration::fill() {
     each.offset = next;
     each.size = std::min(chunkSize, end - next);
     next += each.size;
-    // In a new thread, or without one in this thread when its turn comes.
+    // In a new thread. If there is none to be had, in this one, at get().
     each.read = std::async([this, &each] { return readWhole(backing, each); });
   };
   while (result == S_OK && next < end && begun + 1 < chunks.size()) readNext();

@@ -19,19 +19,19 @@ class restoration : public std::enable_shared_from_this<restoration> {
   /// Takes both files, `local` open for reading and writing, and the record, open for save().
   restoration(descriptor local, descriptor backing, progress_record record);
 
-  /// Begins, with at most n reads at a time. Throws std::system_error without a thread.
+  /// Begins, with at most n reads at a time. Throws std::system_error if no thread is to be had.
   void start(int n);
   /// After this returns, nothing is written into the local file. Does not wait for a sync or for
   /// reads that are under way.
   void stop();
-  /// Continues one that is stopped. False if it has ended.
+  /// Continues one that is stopped, with at most n reads. False if it has ended.
   bool wake(int n);
 
   bool isRunning() const { return now == state::running; }
   bool hasEnded() const { return now == state::ended; }
   /// Why it ended: S_OK if the file is whole or it was stopped. Valid once it has ended.
   HRESULT failure() const { return failed; }
-  /// How much is written, below the total until the end, and the size of the backing file.
+  /// The bytes written, fewer than the total until the end; as the total, the backing file's size.
   HRESULT progress(ProgressInfo& info) const;
 
  private:
@@ -45,9 +45,9 @@ class restoration : public std::enable_shared_from_this<restoration> {
 
   const descriptor local;
   const descriptor backing;
-  progress_record record;               // its own thread's
-  HRESULT failed = S_OK;                // its own thread's, until that has ended
-  std::atomic<std::uint64_t> position;  // written by its own thread: up to where it has written
+  progress_record record;               // used only by its thread
+  HRESULT failed = S_OK;                // used only by its thread until that has ended
+  std::atomic<std::uint64_t> position;  // the end of what is written; set only by its thread
   std::atomic<int> reads = 0;           // the latest start's n
   std::atomic<state> now = state::running;
   std::mutex writing;  // held while the local file is changed

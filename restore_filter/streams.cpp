@@ -23,7 +23,8 @@ const HRESULT malformed = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
-// Opens the stream `name` of a file with the open(2) `flags`. O_EXCL replaces one that exists.
+// Opens the stream `name` of a file with the open(2) `flags`. With O_EXCL, one that exists is
+// removed first.
 HRESULT openStream(const descriptor& local, const char* name, int flags, descriptor& stream) {
   struct stat file {};
   if (fstat(local.get(), &file) != 0) return hostFailure("fstat", local);
@@ -105,7 +106,7 @@ HRESULT progress_record::open(const descriptor& local) {
   result = openStream(local, recordName, O_RDWR, stream);
   const bool isOld = result == S_OK && content.restored == 0;
   if (result != none && !isOld) return result;
-  // An old one is replaced: a file that had this name may still be restored, and write into it.
+  // Replaces an old one: the restoration of an earlier file of this name may still write into it.
   stream = descriptor();  // NTFS removes no open stream
   return openStream(local, recordName, O_RDWR | O_CREAT | O_EXCL, stream);
 }

@@ -9,10 +9,11 @@
 
 #include "platform/posix/descriptor.h"
 
-// The named streams of a local file: the tag, and how far the file is restored. They count only
-// if nobody but root and this process's user can have chosen their content: these own the file
-// and the stream, nobody else can write it, it is a regular file with one link, and no symbolic
-// link leads there. Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT.
+// The named streams of a local file: the tag, and how far the file is restored. They are trusted
+// only if nobody but root and this process's user can have chosen their content: these own the file
+// and the stream, nobody else can write the stream, and that is a regular file with one link.
+// Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic link on the way to
+// the stream fails too.
 
 /// Reads the tag of the file that `local` is open on: `backingPath` becomes the path in it, in
 /// UTF-8. Its strategy is advice; a start brings its own. S_OK, or as an HRESULT
@@ -34,15 +35,15 @@ class progress_record {
   /// Reads the stream of the file that `local` is open on. S_OK, or ERROR_NOT_FOUND as an HRESULT
   /// if there is none, or one of another file or backing path, or a malformed one.
   HRESULT read(const descriptor& local);
-  /// Opens the stream for save(). Creates it anew unless it has been read.
+  /// Opens the stream for save(). Replaces it unless a record with restored bytes was read.
   HRESULT open(const descriptor& local);
   /// Replaces the stream's content, in one write, and syncs it; the first time also the tag,
   /// without which a record is nothing. A failure leaves the content as it was.
   HRESULT save(std::uint64_t restored, bool isWhole);
 
-  /// Up to which byte the file is restored and on the disk; its length then if it is whole.
+  /// Up to which byte the file is restored and on the disk; if it is whole, its length then.
   std::uint64_t restored() const { return content.restored; }
-  /// Whether the restoration is finished: the file is its user's.
+  /// Whether the restoration is finished. After that nothing is written into the file.
   bool isWhole() const { return content.isWhole != 0; }
 
  private:

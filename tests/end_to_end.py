@@ -2,8 +2,8 @@
 """End to end: the programs of a build folder on real file systems, and filter control against
 restore_filter and against a scripted peer.
 
-    end_to_end.py BUILD                    # Linux, as root more file systems and users; Windows
-    end_to_end.py BUILD --emulator WINE    # and control against the fltlib.dll of the tests
+    end_to_end.py BUILD                    # on Linux, as root also other file systems and users; on Windows
+    end_to_end.py BUILD --emulator WINE    # Windows executables, also control over the tests' fltlib.dll
 """
 
 import argparse, contextlib, itertools, os, re, shutil, signal, socket, struct, subprocess, sys, tempfile
@@ -155,7 +155,7 @@ class story(unittest.TestCase):
         self.assertEqual(tool(name, backing)[0], 0)
 
     def set_up_huge(self, name):
-        with open("back/huge", "wb") as huge:  # a byte in each chunk: no chunk is a hole
+        with open("back/huge", "wb") as huge:  # every second chunk is zeros
             for chunk in range(8192):
                 os.pwrite(huge.fileno(), b"x", chunk << 20)
         self.set_up_file(name, "c:\\huge")
@@ -306,7 +306,7 @@ class WithRestoreFilter(story):
         self.assertEqual(self.filter.wait(20), 0)
 
     def test_keeps_the_contract(self):
-        """The check against the stand-in, also from a folder that a drive stands for."""
+        """The check against the stand-in, also with the backing folder as a drive."""
         for words in ([".", "back"], [".", "back", "c:\\"]):
             status, output = tool("--timeout", "60", *words, program=[CHECK])
             self.assertEqual((status, re.findall(r"\nnot ok.*(?:\n#  .*)*", output)), (0, []))
@@ -352,7 +352,7 @@ class WithRestoreFilter(story):
             client.connect("\0" + port_of("."))
         clients[-1].send(bytes(40))
         clients[-1].settimeout(0.5)
-        with contextlib.suppress(OSError):  # it reads no answer, until nothing more is taken
+        with contextlib.suppress(OSError):  # sends without reading, until the socket takes no more
             while True:
                 clients[-1].send(bytes(28))
         self.assertEqual(send("--ping", "back/data"), 0)
@@ -418,7 +418,7 @@ class WithRestoreFilter(story):
         os.truncate("back/huge", 5)
         self.start("local", 2, TOO_SHORT)
         os.truncate("back/huge", kept + 3)
-        with open("local", "r+b") as local:  # not synced by the filter, as the record says: written again
+        with open("local", "r+b") as local:  # the record says that this is not synced: written again
             os.pwrite(local.fileno(), b"lost", kept - 4)
         self.start("local")
         self.ends_with("local", Path("back/huge").read_bytes())
@@ -453,7 +453,7 @@ class WithRestoreFilter(story):
         self.assertEqual(tool("back", "sm all\\", program=[CHECK])[0], 1)  # too small, and left as it was
         self.assertEqual(os.listdir("back"), ["data"])
 
-        os.chmod(self.folder, 0o755)  # and nobody may not come to where the tool is
+        os.chmod(self.folder, 0o755)  # the user nobody cannot reach the tool's folder
         shutil.copy(TOOL, "tool")
         with monitor() as lines:
             self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), BAD_HANDLE)
@@ -507,7 +507,8 @@ class WithPeer(story):
 
 
 class WithFailingCalls(story):
-    """Each system call of the stand-in fails, by index. It keeps running, and its answers are true."""
+    """Each of these system calls fails at its first, second, ... use. The stand-in keeps running, and
+    its answers are true."""
 
     CALLS = {"fdatasync": 4, "ftruncate": 2, "openat": 6, "openat2": 6, "pread64": 8, "pwrite64": 9, "newfstatat": 8,
              "statx": 3, "readlink": 3, "read": 6, "recvfrom": 6, "sendmsg": 4, "accept4": 3, "poll": 4,
@@ -529,7 +530,7 @@ class WithFailingCalls(story):
             Path(name).unlink(missing_ok=True)
         self.set_up_file("local")
         if self.start_filter(*STRACE, fault):
-            for _ in range(30):  # a fault comes once in each thread, and every start has new ones
+            for _ in range(30):  # strace fails the call once per thread, and every start makes new threads
                 send("--startAggressiveRestore", "local", "2")
                 now = progress("local")
                 self.assertTrue(self.content.startswith(Path("local").read_bytes()))
@@ -554,7 +555,7 @@ class WithFailingCalls(story):
                 self.assertEqual(os.path.getsize(fault), 0 if isEmpty else len(self.content))
                 self.assertEqual((send("--stopAggressiveRestore", fault), progress(fault)), (0, (0, len(self.content))))
                 self.stop_filter(self.filter)
-                if not isEmpty:  # what was lost
+                if not isEmpty:  # as if the failed sync had lost it
                     with open(fault, "r+b") as local:
                         os.pwrite(local.fileno(), bytes(4096), 1 << 20)
                 self.start_filter()
@@ -597,7 +598,7 @@ class WithFailingCalls(story):
         names = ["file%d" % i for i in range(20)]
         for name in names:
             self.set_up_file(name)
-        # Descriptors that run out refuse a start, but nobody who asks.
+        # When descriptors run out, starts are refused, but queries are answered.
         self.assertEqual({send("--startAggressiveRestore", name, "1") for name in names}, {0, TOO_MANY})
         for word in ("--ping", "--progress", "--stopAggressiveRestore"):
             self.assertEqual({send(word, name) for name in names}, {0})
@@ -638,5 +639,5 @@ if __name__ == "__main__":
     if IS_WINDOWS:
         stories = ["SetUp", "ControlUnderWine"][: 1 + bool(EMULATOR)]
     elif GIVEN.sanitized:
-        stories.pop()  # what is traced has no leak sanitizer
+        stories.pop()  # the leak sanitizer does not work under strace
     unittest.main(argv=[sys.argv[0], *(GIVEN.tests or stories)], verbosity=2, warnings="ignore")

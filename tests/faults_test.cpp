@@ -37,7 +37,7 @@ void expectWholeWorld(const std::wstring& words, const codes& failing, int alloc
               std::find(world.calls.begin(), portClosed, "CloseHandle f") != portClosed);
   for (const std::string& trace : world.traces) EXPECT_TRUE(trace.ends_with('\n')) << trace;
   EXPECT_TRUE(done.output.empty() || done.output.ends_with('\n')) << done.output;
-  // Either the program made do without, or it says so and nothing else.
+  // Either the program managed without the memory, or it says that it has none, and nothing else.
   const std::string outOfMemory = std::string("zan_restore: ") + std::bad_alloc().what() + '\n';
   EXPECT_TRUE(world.errors.empty() || world.errors == outOfMemory) << world.errors;
 
@@ -80,7 +80,7 @@ TEST(Faults, EveryAllocationOfEveryCommandFails) {
       {{"FilterInstanceFindFirst#1", 0x8007007A}, {"FindVolumeClose", 6}, {"CloseHandle", 6}},
   };
   for (const std::wstring& words : commands) {
-#ifdef _MSC_VER  // its std::list allocates when it is made, and so ends a noexcept lookup
+#ifdef _MSC_VER  // its std::list allocates in its constructor, which ends the noexcept lookup
     if (words.starts_with(L"--")) continue;
 #endif
     for (const codes& failing : worlds) {

@@ -80,7 +80,7 @@ TEST(Instances, BuffersGrow) {
   EXPECT_TRUE(world.traces.empty());
 }
 
-TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
+TEST(Instances, MalformedAnswersMatchNothing) {
   const std::wstring zero(1, L'\0');
   for (const std::wstring& name :
        {zero, L"x" + zero, L"\\\\?\\" + zero, L"\\\\?\\\\" + zero, L"\\\\?\\Volume{}" + zero,
@@ -93,7 +93,7 @@ TEST(Instances, AnswersThatAreNotInOrderMatchNothing) {
   world = attachedMachine();
   world.volumes = {{nameOfVolume(fileVolume), std::wstring(260, L'x')}};
   EXPECT_EQ(instances().at(1).volumeId, L"");
-  // A shorter answer without its zero ends where it ends, not in what was there before.
+  // A short answer without a zero is not continued by the rest of the previous answer.
   world = attachedMachine();
   world.volumes = {{nameOfVolume(firstVolume), {L"\\Device\\V3xxx\0\0", 15}},
                    {L"\\\\?\\V\\", L"\\Device\\V3"}};

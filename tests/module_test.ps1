@@ -65,7 +65,7 @@ foreach ($row in @(
     try { & $row[0] | Out-Null } catch { $caught = $_ }
     Confirm-That "the error of $($row[0]): $caught" ("$caught" -match $row[1] -and $caught.Exception.HResult -eq $row[2])
 }
-Confirm-That 'no file behind an error' (-not (Test-Path new))
+Confirm-That 'an error leaves no file' (-not (Test-Path new))
 Confirm-That 'no ping of a file that is not there' (-not (Test-ZanRestore missing))
 New-ZanRestore untouched 'c:\data' -WhatIf
 Confirm-That 'WhatIf' (-not (Test-Path untouched))

@@ -104,7 +104,7 @@ TEST(Output, TearsNoSurrogatePairWhereverItsBufferEnds) {
   }
 }
 
-TEST(Output, IsThePathThatIsStored) {
+TEST(Output, IsTheNtPath) {
   const std::pair<std::wstring, std::string> table[] = {
       {L"c:\\dir\\foo.txt", "\\??\\c:\\dir\\foo.txt"},
       {L"c:foo/.\\..\\", "\\??\\c:foo/.\\..\\"},

@@ -151,7 +151,7 @@ HANDLE opened(const std::wstring& what) {
   return handle;
 }
 
-// Copies a text as the system writes it; its count of units, or 0 with the code.
+// Copies a text as the system writes it. Returns its units, or 0 with `code` as the last error.
 DWORD answer(const std::wstring& text, LPWSTR buffer, DWORD size, DWORD code) {
   if (text.size() > size) {
     SetLastError(code);

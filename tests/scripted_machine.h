@@ -10,7 +10,7 @@
 // with its arguments, answers as the test says, and can fail any call and any allocation.
 namespace scripted {
 
-// Codes with a meaning of their own in `failing`.
+// A code with a meaning of its own in `failing`.
 constexpr DWORD shortWrite = 0xFFFFFFFF;  // WriteFile succeeds, but a byte short
 
 /// A volume as the system writes it, zeros included: "\\?\Volume{GUID}\" and a zero, and
@@ -31,7 +31,7 @@ struct machine {
   std::vector<std::string> instances;  // Filter Manager records
   std::string reply;                   // of the filter to a message
 
-  // What happened: a line a call, what is still open, and what the debug monitor, the
+  // What happened: a line per call, what is still open, and what the debug monitor, the
   // console and the standard error show.
   std::vector<std::string> calls;
   std::map<HANDLE, std::wstring> open;

@@ -1,5 +1,5 @@
 // Files and named streams. A named stream is the path as written, without a final ":$DATA": a file
-// NAME:STREAM beside NAME, or the real named stream on NTFS mounted with them.
+// NAME:STREAM beside NAME, or the real one on an NTFS mount with named streams.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::string_view defaultStreamType = ":$DATA";
 
-// The latest stream that this process created. If a stream is a separate file, deleting its file
-// must delete it too, but never somebody else's file of that name.
+// The latest stream that this process created. If streams are separate files, deleting the main
+// file also deletes this one, but no stream that somebody else created.
 char createdStream[PATH_MAX];
 
 // Removes the type from a stream's name, FILE:STREAM:$DATA. False if the name has a type but no
@@ -64,7 +64,7 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
   if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
-  // 0644: who can write a tag chooses what a filter reads.
+  // 0644, because whoever can write a tag chooses which file a filter reads.
   descriptor file(open(host.bytes, flags, isStream ? 0644 : 0666));
   if (!file.isOpen()) return openFailed(errno, host);
 
@@ -79,8 +79,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   return handleOf(file.release());
 }
 
-// Writes all of the data or fails, as on a Windows disk. After a short write it writes again: the
-// error of that says why.
+// Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest, and
+// the error of that attempt says why.
 BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
   *written = 0;
   while (*written < size) {

@@ -1,7 +1,7 @@
 // The Filter Manager. An instance is a listening socket with the name of a port, and a connection
 // is a SOCK_SEQPACKET socket. The client sends its context and gets an HRESULT (int32,
 // little-endian). A message is the size of the output buffer (uint32) and the input bytes. Its
-// answer is an HRESULT and the reply, at most that many bytes.
+// answer is an HRESULT and the reply, which fits into the output buffer.
 
 #include <fltuser.h>
 #include <sys/uio.h>

@@ -91,7 +91,7 @@ std::optional<mount_entry> findMountOf(const char* path) {
 }
 
 std::string volumeIdOf(dev_t device) {
-  char digits[idDigits + 5];  // a device number has 64 bits
+  char digits[idDigits + 5];  // room for 64 bits, of which Linux uses 32
   std::snprintf(digits, sizeof(digits), "%0*lx", int{idDigits}, device);
   return std::string(idPrefix) + digits + '}';
 }

@@ -1,6 +1,6 @@
 // Loads fltlib.dll at its first call, only from System32: a DLL of that name beside the executable
-// never runs. Windows loads the other imported DLLs only from there anyway. For linkers without
-// /DEPENDENTLOADFLAG.
+// never runs. Windows loads the other imported DLLs, which are known DLLs, only from there anyway.
+// Used with linkers that lack /DEPENDENTLOADFLAG.
 
 #include <windows.h>
 // after <windows.h>:
