@@ -75,7 +75,7 @@ inline fs::path tagOn(fs::path file) { return file += ":" RESTORE_TAG_STREAM_NAM
 
 inline std::string tagFor(const std::wstring& backingPath) {
   RestoreTagRecord tag{};
-  const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::simple, 2}, tag);
+  const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::none, 0}, tag);
   if (!fits) failWith("too long for a tag:", zan::hostPath(backingPath));
   return {reinterpret_cast<const char*>(&tag), sizeof(tag)};
 }

@@ -23,13 +23,13 @@
 /* Length in bytes of the connection context. Its content means nothing. */
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
-/* The named stream of a local file that holds one RestoreTagRecord and nothing else. The first form
- * is its name, the second follows the file's path. */
+/* The named stream of a local file that holds one RestoreTagRecord and nothing else. _STREAM_NAME_A
+ * is its name, _STREAM is what follows the file's path. */
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
-/* How to restore a file: 32 bits, in C and in C++. Another sender, or a tag that somebody else
- * wrote, can have other values. */
+/* How to restore a file; 32 bits in C and in C++. The tool uses only these two values. A message
+ * from another sender, or a tag that somebody else wrote, can hold others. */
 #if defined(__cplusplus)
 enum class RestoreStrategyKind : uint32_t {
   none = 0,  /* only what is read */
