@@ -23,8 +23,10 @@ int usage(std::ostream& output, int status) {
          "\n"
          "Checks whether the restore filter on FOLDER's volume keeps its contract. Creates a new\n"
          "folder in FOLDER and one in BACKING_FOLDER, and removes these two at the end.\n"
-         "AS is the path by which the filter reaches BACKING_FOLDER, if not BACKING_FOLDER.\n"
-         "SECONDS (10) is how long to wait for an answer.\n";
+         "AS is the path by which the filter reaches BACKING_FOLDER, if that is not the given "
+         "path.\n"
+         "SECONDS (10) is how long to wait for an answer. Prints TAP (Test Anything Protocol).\n"
+         "The exit status is 0 if no statement of the contract fails.\n";
   return status;
 }
 

@@ -8,8 +8,8 @@ $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
 $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
-# Out of files, memory or threads: the filter accepts more when other files are whole.
-$script:atItsLimit = '80070004', '80070008', '8007000e' | ForEach-Object { [Convert]::ToInt32($_, 16) }
+# Out of files, memory, threads or other resources: the filter accepts more when other files are whole.
+$script:atItsLimit = '80070004', '80070008', '8007000e', '800705aa' | ForEach-Object { [Convert]::ToInt32($_, 16) }
 
 # The tool: in the module's folder or the one above, then on PATH.
 function Find-Tool {
@@ -88,7 +88,7 @@ function Resolve-File([string] $Path, $Cmdlet) {
 
 # Writes one non-terminating error for a file, with the tool's output and its HRESULT.
 function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] $Id, $Cmdlet) {
-    if ($Text -eq '') { $Text = 'zan_restore failed silently: is the backing path empty or too long?' }
+    if ($Text -eq '') { $Text = 'zan_restore failed silently. After a set-up: is the backing path empty or too long?' }
     $failure = [Runtime.InteropServices.ExternalException]::new("${File}: $Text", $HResult)
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new($failure, $Id, 'NotSpecified', $File))
 }
@@ -178,12 +178,12 @@ function New-ZanRestore {
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER BackingPath
-    The backing data file: c:\dir\foo.txt or \\server\share\foo.txt. The tag stores it in NT form.
+    The backing file: c:\dir\foo.txt or \\server\share\foo.txt. The tag stores it in NT form.
     Nothing checks that the file exists.
     .PARAMETER ConcurrentReads
-    Unless it is 0, the tag records that the entire file is to be restored, with this many
-    concurrent reads of the backing file. This starts nothing: see Start-ZanRestore. A list can have
-    it as a third column, ConcurrentReads.
+    The tag records that the entire file is to be restored, with this many concurrent reads of the
+    backing file. 0, the default, records no such wish. This starts nothing: see Start-ZanRestore. A
+    list can have it as a third column, ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -224,7 +224,8 @@ function Start-ZanRestore {
     .SYNOPSIS
     Starts the aggressive restoration of a file that has been set up.
     .DESCRIPTION
-    Returns when the restoration has begun. Wait-ZanRestore waits for its end. A file that is
+    Like all functions that ask the filter, this needs an elevated console. It returns when the
+    restoration has begun. Wait-ZanRestore waits for its end. A file that is
     already being restored is returned. If the filter has reached its limit of open files, memory or
     threads, the file is started when other files are finished.
     .PARAMETER Path
