@@ -5,13 +5,13 @@
 #include "zan_restore_filter.h"
 
 // The three commands behind the six forms of the command line: set-up; ping, start and stop;
-// progress. Each prints its own failures (a set-up none for a backing path that is empty or too
-// long), and returns the exit status: 0 for success, 1 for any failure. Paths are used exactly as
-// given; a relative one is relative to the current directory.
+// progress. Each prints its own failures and returns the exit status: 0 for success, 1 for any
+// failure. But a set-up prints nothing for a backing path that is empty or too long. Paths are used
+// exactly as given; a relative one is relative to the current directory.
 
 /// Sets up a restore: creates `file`, empty and new, and gives it the tag stream with
-/// `backingPath` and `strategy`. After a failure it deletes the file again. It never touches an
-/// existing file, unless the name has a colon and so names a stream.
+/// `backingPath` and `strategy`. After a failure it tries to delete the file again. It never
+/// touches an existing file. But if `file` names a stream, NAME:STREAM, it adds that to NAME.
 int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy);
 
 /// Sends `request` (ping, start or stop) to the restore filter's port for the

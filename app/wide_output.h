@@ -8,10 +8,10 @@
 namespace zan {
 
 /// While it lives, std::wcout takes UTF-16 and writes UTF-8 through std::cout's buffer, so wide and
-/// narrow lines keep their order. If standard output is a Windows console, it writes UTF-16 to the
-/// console. The stock stream goes bad at the first character that its locale cannot write. This one
+/// narrow lines keep their order. On a Windows console, this class writes UTF-16 to the console
+/// instead. The stock stream goes bad at the first character that its locale cannot write. This one
 /// prints every character: a lone surrogate as U+FFFD, but on Linux U+DC80 to U+DCFF as the byte
-/// that it stands for (platform/posix/utf16.h). It drops output that cannot be written.
+/// that it stands for (platform/posix/utf16.h). Output that cannot be written is dropped.
 class wide_output final : public std::wstreambuf {
  public:
   wide_output();

@@ -1,4 +1,4 @@
-# What is installed, and the packages: a .deb for Linux, a ZIP for Windows.
+# What is installed, and the packages: a .deb for Linux, two ZIPs for Windows.
 
 include(GNUInstallDirs)
 if(WIN32)

@@ -13,8 +13,9 @@ namespace zan::except {
 /// (boost::errinfo_api_function) and its HRESULT (errinfo_HRESULT).
 struct result_exception : virtual boost::exception, virtual std::exception {};
 
-// A class, not a struct: MSVC makes that a part of the type's name, and Boost prints in the order
-// of these names. So the HRESULT comes before the function.
+// A class, not a struct. Boost prints in the order of the type names. MSVC's begin with the
+// keyword, and "class" comes before the "struct" of errinfo_api_function: so the HRESULT is printed
+// first.
 class errinfo_HRESULT_;
 /// The HRESULT that the function returned, as a 32-bit pattern.
 using errinfo_HRESULT = boost::error_info<errinfo_HRESULT_, DWORD>;

@@ -40,7 +40,7 @@ void restoreAtOnce(trial& t, std::int64_t count) {
   for (const auto& [file, size] : begun) t.untilWhole(file, size);
 }
 
-// The tag of a small file with the bits of a 16-bit value flipped at an offset.
+// The tag of a small file, in which the 16 bits at the row's offset are XORed with its value.
 std::string changedTag(const trial& t, const row& change) {
   std::string tag = t.tagOf(5000);
   tag[change.offset] = static_cast<char>(tag[change.offset] ^ change.value);
@@ -201,7 +201,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addPing("a ping succeeds after refused messages and tags");
 
   heading = "Rights";
-  add("a tag gives no user access to a file that is closed to them",
+  add("a tag does not let a user read a file that they may not read",
       [](auto&) { throw untried{"the check runs as one user"}; });
 
   heading = "The answer";

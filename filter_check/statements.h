@@ -2,7 +2,7 @@
 
 #include "filter_check/trial.h"
 
-/// One statement of the contract, or one per row, whose text replaces "{}".
+/// One statement of the contract per row. The row's text replaces "{}" in the statement's.
 struct statement {
   struct row {
     row(std::int64_t number) : text(std::to_string(number)), value(number) {}
@@ -19,7 +19,7 @@ struct statement {
   bool isVital = false;  // if it fails, nothing else can be tried
 };
 
-/// The statements of the contract that messages and file contents can show, in the order of its
-/// page. `instances`: how many the filter has on the volume. `isOneVolume`: whether the backing
-/// files are on the same volume.
+/// The statements of the contract that instances, messages and file contents can show, in the order
+/// of its page. `instances`: how many the filter has on the volume. `isOneVolume`: whether the
+/// backing files are on the same volume.
 std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVolume);

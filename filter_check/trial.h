@@ -130,7 +130,7 @@ struct request {
   std::size_t room = 0;                  // for the reply
   HANDLE handle = INVALID_HANDLE_VALUE;  // sent instead of the file's
   std::uint32_t unused = 0;              // in the fields that a ping does not use
-  bool isClosed = false;                 // the file's handle, before it is sent
+  bool isClosed = false;                 // whether to close the file's handle before the send
 };
 struct answer {
   HRESULT result;
@@ -138,8 +138,8 @@ struct answer {
 };
 
 /// What statements are tried with: new files and messages. Backing files are named by their
-/// size. Anything that breaks the contract throws violation. An answer may take `limit`, a file
-/// without progress six times that.
+/// size. Anything that breaks the contract throws violation. Waits `limit`
+/// for an answer, and for a file without progress once six times as long, then `limit`.
 class trial {
  public:
   using file_action = std::function<void(const fs::path&)>;
@@ -214,8 +214,8 @@ class trial {
     if (fs::exists(tagOn(file))) fs::rename(tagOn(file), tagOn(name));
   }
 
-  /// Connects with a context of `size` bytes, all `filling`: the answer, and the port if it is
-  /// open.
+  /// Connects with a context of `size` bytes, all `filling`. Returns the answer, and the port if it
+  /// is open.
   std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0) {
     log.push_back("connect with a context of size " + std::to_string(size) + ": ");
     const auto came = answerOf([name = portName, context = std::string(size, filling)] {
@@ -271,7 +271,7 @@ class trial {
   HRESULT start(const fs::path& file, std::int32_t n = 4) {
     return send(file, {StartAggressiveRestore, n}).result;
   }
-  /// A malformed message about a new file.
+  /// A message about a new file that must be refused with E_INVALIDARG.
   void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
 
   ProgressInfo progress(const fs::path& file) {
@@ -320,7 +320,8 @@ class trial {
     throw violation{"the backing file's bytes once progress and total are equal"};
   }
 
-  /// Runs `action` on a file that is being restored before and after. The file, and its size.
+  /// Runs `action` on a file that is being restored before and after the action. Returns the file
+  /// and its size.
   std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action) {
     for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
       const fs::path file = newFile(size);

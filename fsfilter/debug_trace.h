@@ -6,9 +6,9 @@
 
 namespace zan::fsfilter {
 
-/// Writes one debug trace line in one call of OutputDebugStringW: the parts (wide texts, at most
-/// one number after std::hex) and a line end. Writes nothing if memory for the line is lacking.
-/// Never throws.
+/// Writes one debug trace line in one call of OutputDebugStringW: the parts and a line end.
+/// The parts are wide texts, and at most one number, which follows std::hex. Writes nothing if
+/// memory for the line is lacking. Never throws.
 template <typename... Parts>
 void traceLine(const Parts&... parts) noexcept {
   try {

@@ -20,8 +20,8 @@ struct FilterInstanceInfo {
   std::wstring volumeDeviceName;  // for example "\Device\HarddiskVolume3"
   std::wstring volumeId;          // "Volume{GUID}"; empty when not resolved
 
-  /// Sets `volumeId` to the volume whose device is `volumeDeviceName`, or to an empty text if there
-  /// is none. Traces failures. Never throws.
+  /// Sets `volumeId` to the volume whose first device is `volumeDeviceName`, or to an empty text if
+  /// there is none. Traces failures. Never throws.
   void resolveVolumeId() noexcept;
 };
 

@@ -11,7 +11,7 @@
 
 namespace zan::fsfilter {
 
-// The filter looks only at the size of the context. Zeros carry no address out of this
+// The filter looks only at the size of the context. Zeros show it no memory address of this
 // process.
 static const std::array<BYTE, RESTORE_FILTER_CONNECTION_CONTEXT_SIZE> connectionContext{};
 
@@ -49,7 +49,7 @@ DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWO
   except::result_exception failure;
   failure << boost::errinfo_api_function("FilterSendMessage");
   failure << except::errinfo_HRESULT(bitsOf(result));
-  BOOST_THROW_EXCEPTION(failure);  // prints this line's number, 52: logs and tests know it
+  BOOST_THROW_EXCEPTION(failure);  // must stay on line 52, which it prints: logs rely on it
 }
 
 }  // namespace zan::fsfilter

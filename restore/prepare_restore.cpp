@@ -17,7 +17,7 @@ struct tag_buffer {
 };
 static_assert(sizeof(tag_buffer) == 16384);
 
-// Prints why the latest call failed. False, for the caller to return.
+// Prints why the latest call failed. Always returns false, for the caller to return.
 bool printFailure(const wchar_t* what) {
   const DWORD error = GetLastError();  // printing may change it
   std::wcout << what << std::hex << error << std::endl;
@@ -50,7 +50,7 @@ int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStr
   if (backingPath.empty()) return 1;
 
   // Everything that needs memory comes before the local file. Once that exists, nothing throws: the
-  // file gets its tag or is deleted again.
+  // file gets its tag, or the tool tries to delete it again.
   const std::wstring ntPath = toNtPath(backingPath);
   const std::wstring streamPath = file + RESTORE_TAG_STREAM;
   tag_buffer buffer;

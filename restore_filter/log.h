@@ -6,13 +6,13 @@
 
 #include "platform/posix/descriptor.h"
 
-/// Whether the user asked for the lines below, with --log. Set before any thread starts.
+/// Whether --log was given. Set before any thread starts.
 inline bool isLogging = false;
 
 /// Prints one line to standard error if isLogging: what was done to `path`, and how it ended.
 void logLine(const std::string& what, const std::string& path, const std::string& end);
 
-/// What errno says, as an HRESULT; logged as a failure of `call` on a path, or on an open file.
+/// Logs that `call` failed on a path or on an open file. Returns what errno says, as an HRESULT.
 HRESULT hostFailure(const char* call, const std::string& path);
 HRESULT hostFailure(const char* call, const descriptor& file);
 

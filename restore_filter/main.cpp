@@ -25,7 +25,8 @@ constexpr const char* usageText =
     "\n"
     "Attaches to the volume of each DIR and serves its port until SIGINT or SIGTERM.\n"
     "Looks up backing paths L:\\... and \\\\SERVER\\SHARE\\... in their FOLDER.\n"
-    "--log prints a line to standard error per message and per failed system call.\n";
+    "--log prints a line to standard error per well-formed message, and per failed call on a "
+    "file.\n";
 
 int usage() {
   std::cerr << usageText;

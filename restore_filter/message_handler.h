@@ -19,14 +19,14 @@
 class message_handler {
  public:
   explicit message_handler(const backing_folders& folders) : backingFolders(folders) {}
-  /// Ends all restorations.
+  /// Stops all restorations.
   ~message_handler();
   message_handler(const message_handler&) = delete;
   message_handler& operator=(const message_handler&) = delete;
 
   /// Handles a message of `size` bytes to the instance on the volume `device`. The process `sender`
   /// must be in this process's mount name space. Returns the status of the send; `reply` and
-  /// `replySize` (bytes) are its answer. Does not touch a file that it refuses.
+  /// `replySize` (bytes) are its answer. Does not change the content of a file that it refuses.
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 

@@ -17,7 +17,7 @@
 
 namespace {
 
-// When there are this many, an old one is dropped. The tool's own last for one message.
+// When there are this many, an old one is dropped. A connection of the tool lasts for one message.
 constexpr std::size_t mostConnections = 200;
 // Descriptors that connections leave free for the handling of a message.
 constexpr int reservedDescriptors = 8;
@@ -43,7 +43,7 @@ std::string port_server::attach(const char* path, std::string& why) {
   }
   descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const abstract_address address(name);
-  // Clients cannot pass descriptors, if the kernel knows this: to close one may take long.
+  // Clients cannot pass descriptors, where the kernel can forbid it: to close one may take long.
   constexpr int passRights = 83, no = 0;  // SO_PASSRIGHTS, Linux 6.16
   setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||

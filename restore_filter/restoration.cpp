@@ -136,7 +136,7 @@ HRESULT restoration::fill() {
     each.offset = next;
     each.size = std::min(chunkSize, end - next);
     next += each.size;
-    // In a new thread. If there is none to be had, in this one, at get().
+    // Reads in a new thread. If none can be started, reads in this one when get() is called.
     each.read = std::async([this, &each] { return readWhole(backing, each); });
   };
   while (result == S_OK && next < end && begun + 1 < chunks.size()) readNext();

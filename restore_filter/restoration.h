@@ -31,7 +31,8 @@ class restoration : public std::enable_shared_from_this<restoration> {
   bool hasEnded() const { return now == state::ended; }
   /// Why it ended: S_OK if the file is whole or it was stopped. Valid once it has ended.
   HRESULT failure() const { return failed; }
-  /// The bytes written, fewer than the total until the end; as the total, the backing file's size.
+  /// How many bytes are written, fewer than the total until the end. The total is the backing
+  /// file's size.
   HRESULT progress(ProgressInfo& info) const;
 
  private:

@@ -50,7 +50,7 @@ HRESULT openStream(const descriptor& local, const char* name, int flags, descrip
   return isTrusted ? S_OK : HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
 }
 
-// Reads a stream that holds `size` bytes; `content` becomes longer if it holds more.
+// Reads at most `size` + 1 bytes. If `content` is longer than `size`, the stream is too long.
 HRESULT readStream(const descriptor& local, const char* name, std::size_t size,
                    std::string& content) {
   descriptor stream;

@@ -10,15 +10,15 @@
 #include "platform/posix/descriptor.h"
 
 // The named streams of a local file: the tag, and how far the file is restored. They are trusted
-// only if nobody but root and this process's user can have chosen their content: these own the file
-// and the stream, nobody else can write the stream, and that is a regular file with one link.
+// only if nobody but root and this process's user can have chosen their content: they own the file
+// and the stream, nobody else can write the stream, and it is a regular file with one link.
 // Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic link on the way to
 // the stream fails too.
 
 /// Reads the tag of the file that `local` is open on: `backingPath` becomes the path in it, in
-/// UTF-8. Its strategy is advice; a start brings its own. S_OK, or as an HRESULT
-/// ERROR_NOT_FOUND if the file has no tag or was deleted, and ERROR_INVALID_DATA if the tag is
-/// incomplete or malformed.
+/// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK, or
+/// as HRESULTs ERROR_NOT_FOUND if the file has no tag or was deleted, ERROR_INVALID_DATA if the tag
+/// is incomplete or malformed.
 HRESULT readTagOf(const descriptor& local, std::string& backingPath);
 
 /// A file of a volume: the number of its inode and, since that is reused, its time of birth in
@@ -38,10 +38,10 @@ class progress_record {
   /// Opens the stream for save(). Replaces it unless a record with restored bytes was read.
   HRESULT open(const descriptor& local);
   /// Replaces the stream's content, in one write, and syncs it; the first time also the tag,
-  /// without which a record is nothing. A failure leaves the content as it was.
+  /// without which a record is nothing. After a failure it writes the old content again.
   HRESULT save(std::uint64_t restored, bool isWhole);
 
-  /// Up to which byte the file is restored and on the disk; if it is whole, its length then.
+  /// How many bytes are restored and on the disk. Of a whole file, its length when it became whole.
   std::uint64_t restored() const { return content.restored; }
   /// Whether the restoration is finished. After that nothing is written into the file.
   bool isWhole() const { return content.isWhole != 0; }

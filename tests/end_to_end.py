@@ -2,7 +2,7 @@
 """End to end: the programs of a build folder on real file systems, and filter control against
 restore_filter and against a scripted peer.
 
-    end_to_end.py BUILD                    # on Linux, as root also other file systems and users; on Windows
+    end_to_end.py BUILD                    # on Linux (as root also other file systems and users) or on Windows
     end_to_end.py BUILD --emulator WINE    # Windows executables, also control over the tests' fltlib.dll
 """
 
@@ -31,7 +31,7 @@ NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, EXISTS, INVALID, FULL, BUSY, TOO_
 OK, NO = struct.pack("<I", 0), struct.pack("<I", DENIED)
 REFUSED = "FilterConnectCommunicationPort failed: portName = %s, error = 0x80070005\n"
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
-# A user's locale must make no difference; Wine's own names of files follow it.
+# C, because the tool must not depend on the locale. Wine encodes the names of files by it.
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
 IN_PATH = {**os.environ, "PATH": str(GIVEN.build) + os.pathsep + os.environ["PATH"]}
 
@@ -74,7 +74,7 @@ def progress(path):
 
 @contextlib.contextmanager
 def peer(*answers, owner=0):
-    """A port that answers a connection and a message with these packets, and later ones with nothing.
+    """A port for one connection. Answers the connection and one message with these packets, later ones not.
     None closes the connection instead. Yields the packets that it received."""
     packets = []
     with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
@@ -129,7 +129,7 @@ class story(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
 
     def start_filter(self, *prefix, folder="."):
-        """Starts a filter with few descriptors, attached twice to the folder's volume. Whether it runs."""
+        """Starts a filter with few descriptors, attached twice to the folder's volume. Returns whether it runs."""
         self.filter = subprocess.Popen(
             ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back",
              folder, folder], stdout=subprocess.PIPE, text=True, start_new_session=True)
@@ -155,9 +155,9 @@ class story(unittest.TestCase):
         self.assertEqual(tool(name, backing)[0], 0)
 
     def set_up_huge(self, name):
-        with open("back/huge", "wb") as huge:  # every second chunk is zeros
-            for chunk in range(8192):
-                os.pwrite(huge.fileno(), b"x", chunk << 20)
+        with open("back/huge", "wb") as huge:
+            for mebibyte in range(8192):  # every second chunk of the filter is zeros
+                os.pwrite(huge.fileno(), b"x", mebibyte << 20)
         self.set_up_file(name, "c:\\huge")
 
     def start(self, name, reads=2, answer=0):
@@ -220,7 +220,7 @@ class SetUpOnLinux(SetUp):
         self.assertEqual(tool("piped", "c:\\x", stdout=writing)[0], 0)
         os.close(writing)
 
-    @unittest.skipUnless(IS_ROOT, "a full disk and NTFS need root")
+    @unittest.skipUnless(IS_ROOT, "a full disk and NTFS (not root)")
     def test_on_other_file_systems(self):
         self.mount("tmpfs", "none", "small", "size=8k")
         self.check("writing tag stream failed: 70", "small/f", "c:\\x")
@@ -418,7 +418,7 @@ class WithRestoreFilter(story):
         os.truncate("back/huge", 5)
         self.start("local", 2, TOO_SHORT)
         os.truncate("back/huge", kept + 3)
-        with open("local", "r+b") as local:  # the record says that this is not synced: written again
+        with open("local", "r+b") as local:  # these bytes are not synced by the record, and written again
             os.pwrite(local.fileno(), b"lost", kept - 4)
         self.start("local")
         self.ends_with("local", Path("back/huge").read_bytes())
@@ -433,7 +433,7 @@ class WithRestoreFilter(story):
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
 
-    @unittest.skipUnless(IS_ROOT, "a small volume, another mount name space and another user need root")
+    @unittest.skipUnless(IS_ROOT, "a small volume, another mount name space and another user (not root)")
     def test_other_volumes_and_users(self):
         local = "sm all\\/local"
         self.mount("tmpfs", "none", "sm all\\", "size=1m")
@@ -473,7 +473,7 @@ class WithPeer(story):
                     self.assertEqual(packets[1][:4] + packets[1][12:], struct.pack("<IIIiI", 16, 3, 0, 0, 0))
             self.assertEqual(len(lines), len(answers) == 1)  # only a failed connection is traced
 
-    @unittest.skipUnless(IS_ROOT, "another user needs root")
+    @unittest.skipUnless(IS_ROOT, "another user (not root)")
     def test_trusts_no_other_user(self):
         with monitor() as lines, peer(OK, OK + bytes(16), owner=65534) as packets:
             self.assertEqual(send("--ping", "back/data"), BAD_HANDLE)
@@ -517,7 +517,7 @@ class WithFailingCalls(story):
     def setUp(self):
         super().setUp()
         if subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL).returncode:
-            self.skipTest("failing system calls: strace cannot trace here")
+            self.skipTest("failing system calls (strace cannot trace here)")
 
     def test_lives_on(self):
         for call, uses in self.CALLS.items():
@@ -543,7 +543,7 @@ class WithFailingCalls(story):
         self.stop_filter(self.filter)
 
     def test_is_whole_when_the_record_says_so_on_the_disk(self):
-        # Syncs of a thread: file, tag and record before the first byte, file and record at the end.
+        # Syncs of a thread: 1 file, 2 tag and 3 record before the first byte, 4 file and 5 record at the end.
         for fault, status in (("error=EIO:when=1", IO_ERROR), ("error=EIO:when=2", IO_ERROR), ("error=EIO:when=4", IO_ERROR),
                               ("error=ENOSPC:when=5", FULL)):
             with self.subTest(fault):
@@ -580,13 +580,13 @@ class WithFailingCalls(story):
                 self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
                 os.rename(tag, "kept")
                 os.rename("other:restore_filter_tag", tag)
-                self.start("local", 2, BUSY)  # it still works for the other backing path
+                self.start("local", 2, BUSY)  # the restoration from back/data has not ended yet
                 os.rename(tag, "other:restore_filter_tag")
                 os.rename("kept", tag)
                 if end != TOO_SHORT:
                     self.start("local")
                     self.assertLess(*progress("local"))
-                    self.assertEqual(self.count_of_filter("task"), 2)  # the one that waits is woken
+                    self.assertEqual(self.count_of_filter("task"), 2)  # no second one: the start woke the one that waits
             eventually(lambda: progress("local") == end)
             self.stop_filter(self.filter)
             for name in ("local", tag, "local:restore_filter_progress"):
@@ -603,7 +603,7 @@ class WithFailingCalls(story):
         for word in ("--ping", "--progress", "--stopAggressiveRestore"):
             self.assertEqual({send(word, name) for name in names}, {0})
         stopped = [os.path.getsize(name) for name in names]
-        eventually(lambda: self.count_of_filter("task") == 1)  # their reads were under way
+        eventually(lambda: self.count_of_filter("task") == 1)  # after the reads that they had begun
         self.assertEqual([os.path.getsize(name) for name in names], stopped)
         for name in names:
             eventually(lambda: send("--startAggressiveRestore", name, "1") == 0)
@@ -621,7 +621,7 @@ class WithFailingCalls(story):
 
 
 class WithPowerShell(story):
-    @unittest.skipUnless(PWSH, "the PowerShell module")
+    @unittest.skipUnless(PWSH, "the PowerShell module (no pwsh)")
     def test_module(self):
         Path("back/none").write_bytes(b"")
         self.start_filter(*([] if GIVEN.sanitized else [*STRACE, "inject=pread64:delay_enter=100ms"]))

@@ -1,4 +1,4 @@
-// Every call and every allocation of every command fails. After each, nothing may be half-made.
+// Each call and each allocation of every command fails. After each, nothing may be half-made.
 
 #include <gtest/gtest.h>
 
@@ -80,16 +80,16 @@ TEST(Faults, EveryAllocationOfEveryCommandFails) {
       {{"FilterInstanceFindFirst#1", 0x8007007A}, {"FindVolumeClose", 6}, {"CloseHandle", 6}},
   };
   for (const std::wstring& words : commands) {
-#ifdef _MSC_VER  // its std::list allocates in its constructor, which ends the noexcept lookup
+#ifdef _MSC_VER  // its std::list allocates in its constructor, in a noexcept function
     if (words.starts_with(L"--")) continue;
 #endif
     for (const codes& failing : worlds) {
-      int ends = 0;  // of the whole program
+      int ends = 0;  // how often the program ended for lack of memory
       for (int index = 1; index == 1 || index - 1 <= allocations; ++index) {
         expectWholeWorld(words, failing, index);
         ends += world.errors.empty() ? 0 : 1;
       }
-      EXPECT_TRUE(ends > 0 || allocations == 0);  // none under valgrind, which takes its own new
+      EXPECT_TRUE(ends > 0 || allocations == 0);  // valgrind replaces operator new: none counted
     }
   }
 }

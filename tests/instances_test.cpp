@@ -51,7 +51,7 @@ TEST(Instances, TextOutsideTheBufferIsEmpty) {
   auto& mini = changed.Type.MiniFilter;
   mini.AltitudeLength = 0xFFFE;
   mini.FilterNameBufferOffset = 510;
-  mini.FilterNameLength = 2;  // the last inside the buffer
+  mini.FilterNameLength = 2;  // the last two bytes of the buffer
   mini.InstanceNameBufferOffset = 511;
   mini.InstanceNameLength = 2;
   world = attachedMachine();
@@ -110,7 +110,7 @@ TEST(Instances, FailuresAreTraced) {
       {"FilterInstanceFindNext#3", 0x80070005, 3,
        "FilterInstanceFindNext failed: status = 0x80070005"},
       {"FilterInstanceFindNext#2", 0x7A, 3, ""},
-      {"FilterInstanceFindNext#1", 1, 4, ""},  // a success: the record once more
+      {"FilterInstanceFindNext#1", 1, 4, ""},  // a success: the same record is read again
       {"FilterInstanceFindClose", 1, 3, ""},
       {"FilterInstanceFindClose", 0x80070006, 3,
        "FilterInstanceFindClose failed: status = 0x80070006"},

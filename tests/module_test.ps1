@@ -10,7 +10,7 @@ function Get-TagPath([string] $File) {
 }
 $encoding = [Console]::OutputEncoding.WebName
 
-# A list, run twice: a file with its tag continues; an existing file without it is refused.
+# A list, run twice. A file with the tag of its row continues, any other existing file is refused.
 Set-Content taken 'mine'
 New-ZanRestore other 'c:\none' | Out-Null
 Set-Content list.csv 'File,Backing', 'one,c:\data', "two \u00e9,\\srv\share\data".Replace('\u00e9', [string][char]0xe9),
@@ -44,7 +44,7 @@ foreach ($name in 'c', '-dash', '--ping', 'a[1]*', ' blank "quote"', "$([char]0x
 Pop-Location
 Confirm-That 'the PSDrive' (Test-Path drive)
 
-# A file that a filter at its limit refuses is started when others are whole.
+# A filter at its limit refuses starts. The module starts those files when others are whole.
 $many = @(1..20 | ForEach-Object { New-ZanRestore "many$_" 'c:\data' } | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)
 Confirm-That 'all of many are whole' (@($many | Where-Object IsWhole).Count -eq 20)
 Confirm-That 'an empty one is whole' (@(New-ZanRestore empty 'c:\none' | Start-ZanRestore -ConcurrentReads 1 | Wait-ZanRestore)[0].IsWhole)

@@ -26,7 +26,7 @@ machine world;
 
 namespace {
 
-// While it lives, allocations are the machine's own.
+// While it lives, allocations are not counted as the program's and do not fail.
 struct outside_program {
   ~outside_program() { isProgram = wasProgram; }
   const bool wasProgram = std::exchange(isProgram, false);
@@ -43,7 +43,7 @@ outcome run(const std::wstring& arguments, int allocation) {
   std::vector<wchar_t*> pointers;
   for (std::wstring& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
-  // What is printed, in buffers that are large enough: they take no memory of the program's.
+  // Large enough for what is printed, so that printing is no allocation of the program.
   std::stringbuf output(std::string(1 << 16, '\0'), std::ios::out);
   std::stringbuf errors(std::string(1 << 10, '\0'), std::ios::out);
   std::streambuf* const previous[] = {std::cout.rdbuf(&output), std::cerr.rdbuf(&errors)};
@@ -184,8 +184,8 @@ HRESULT answerInstance(LPVOID buffer, DWORD size) {
 
 using namespace scripted;
 
-// On Windows the program calls kernel32 through import pointers, and these take
-// their place for the whole test program; fltlib's names are plain functions.
+// On Windows the program calls kernel32 through import pointers. The definitions below replace
+// these pointers in the whole test program. The names of fltlib are plain functions.
 extern "C" {
 
 #ifdef _WIN32
@@ -194,7 +194,7 @@ extern "C" {
   decltype(&scripted_##name) __imp_##name = scripted_##name; \
   result WINAPI scripted_##name(__VA_ARGS__)
 
-// The runtime library's own output, where that is linked statically.
+// The real WriteFile: a runtime library that is linked statically calls the replaced one.
 static BOOL writeReally(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                         LPOVERLAPPED overlapped) {
   static const auto address =

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// A machine in memory that implements the functions of kernel32 and fltlib. It records every call
-// with its arguments, answers as the test says, and can fail any call and any allocation.
+// A machine in memory that implements the functions of kernel32 and fltlib. It records calls, answers
+// as the test says, and can fail each recorded call and each allocation.
 namespace scripted {
 
 // A code with a meaning of its own in `failing`.
@@ -68,8 +68,8 @@ struct outcome {
   std::string output;  // wide and narrow lines in their order, "\n" line ends
 };
 
-/// Runs the program's entry with these arguments after its name, joined by "|". The allocation
-/// of this index (from 1) fails; 0: none does.
+/// Runs the program's entry. `arguments` are those after the program's name, separated by "|". The
+/// allocation of this index (from 1) fails; 0: none does.
 outcome run(const std::wstring& arguments, int allocation = 0);
 
 /// The allocations that the program has made in this run, and the one that fails; counted and

@@ -1,5 +1,5 @@
-// The debug trace: one datagram per line, to the listener under the name that a debug monitor has
-// on Windows.
+// The debug trace: each line is one datagram to the abstract socket DBWIN_BUFFER, named like the
+// buffer of a debug monitor on Windows. Lines are cut after 1365 code units.
 
 #include <windows.h>
 

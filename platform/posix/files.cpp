@@ -1,5 +1,5 @@
-// Files and named streams. A named stream is the path as written, without a final ":$DATA": a file
-// NAME:STREAM beside NAME, or the real one on an NTFS mount with named streams.
+// Files and named streams. A named stream is opened under its path, without a final ":$DATA". On an
+// NTFS mount with named streams that is the real stream, elsewhere a file NAME:STREAM beside NAME.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,12 +18,13 @@ namespace {
 
 constexpr std::string_view defaultStreamType = ":$DATA";
 
-// The latest stream that this process created. If streams are separate files, deleting the main
-// file also deletes this one, but no stream that somebody else created.
+// The latest stream that this process created, by a path that ended in ":$DATA". If streams are
+// separate files, deleting the main file also deletes this one, but no stream that somebody else
+// created.
 char createdStream[PATH_MAX];
 
-// Removes the type from a stream's name, FILE:STREAM:$DATA. False if the name has a type but no
-// stream, or a stream of a stream: both are invalid.
+// Removes the type from a stream's name, FILE:STREAM:$DATA. False for the invalid
+// forms, FILE:$DATA and FILE:STREAM:$DATA:ANYTHING.
 bool dropStreamType(host_string& path) {
   std::string_view name(path.bytes, path.size);
   name.remove_prefix(name.rfind('/') + 1);
@@ -80,7 +81,7 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
 }
 
 // Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest, and
-// the error of that attempt says why.
+// the error of that attempt says why. Ends early if nothing more is written.
 BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
   *written = 0;
   while (*written < size) {

@@ -85,8 +85,8 @@ HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD
   return S_OK;
 }
 
-// Sends one packet of two parts, receives one of an HRESULT and a reply. Returns the count of reply
-// bytes, or -1 if the peer is gone.
+// Sends a packet of two parts. Receives a packet of an HRESULT and a reply. Returns the count of
+// reply bytes, or -1 if the peer is gone.
 ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec reply) {
   msghdr message{};
   message.msg_iov = packet.data();

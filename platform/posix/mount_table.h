@@ -27,5 +27,5 @@ std::optional<mount_entry> findMountOf(const char* path);
 std::string volumeIdOf(dev_t device);
 std::optional<dev_t> deviceOfVolumeId(std::string_view id);
 
-/// Reads an entire file of /proc. False, with errno, on failure.
+/// Reads an entire file of /proc. False, with errno, on failure. Throws std::bad_alloc.
 bool readProcFile(const char* path, std::string& content);
