@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// A machine in memory that implements the functions of kernel32 and fltlib. It records calls, answers
-// as the test says, and can fail each recorded call and each allocation.
+// A machine in memory that implements the functions of kernel32 and fltlib. It records calls,
+// answers as the test says, and can fail each recorded call and each allocation.
 namespace scripted {
 
 // A code with a meaning of its own in `failing`.
