@@ -23,10 +23,9 @@ int usage(std::ostream& output, int status) {
          "\n"
          "Checks whether the restore filter on FOLDER's volume keeps its contract. Creates a new\n"
          "folder in FOLDER and one in BACKING_FOLDER, and removes these two at the end.\n"
-         "AS is the path by which the filter reaches BACKING_FOLDER, if that is not the given "
-         "path.\n"
-         "SECONDS (10) is how long to wait for an answer. Prints TAP (Test Anything Protocol).\n"
-         "The exit status is 0 if no statement of the contract fails.\n";
+         "Give AS if the filter reaches BACKING_FOLDER by another path.\n"
+         "SECONDS is how long to wait for an answer: 1 to 3600, 10 if not given.\n"
+         "Prints TAP (Test Anything Protocol). The exit status is 0 if no statement fails.\n";
   return status;
 }
 
@@ -57,6 +56,7 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
   } catch (const violation& failed) {
     std::cout << "not ok " << line << '\n';
     const auto shown = std::min<std::ptrdiff_t>(std::ssize(t.log), 10);
+    if (shown < std::ssize(t.log)) std::cout << "#   (earlier messages left out)\n";
     for (auto each = t.log.end() - shown; each != t.log.end(); ++each) {
       std::cout << "#   " << *each << '\n';
     }
@@ -68,7 +68,8 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
 int checkAll(trial& t, const std::vector<statement>& statements) {
   std::size_t plan = 0;
   for (const statement& each : statements) plan += each.rows.size();
-  std::cout << "TAP version 13\n1.." << plan << "\n# zan_filter_check " ZAN_VERSION << std::endl;
+  std::cout << "TAP version 13\n1.." << plan << "\n# zan_filter_check " ZAN_VERSION
+            << "\n# the tags name files in " << zan::textOf(zan::hostPath(t.prefix)) << std::endl;
   int number = 0;
   int count[3] = {};
   std::string heading;
@@ -79,7 +80,7 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
       ++count[static_cast<int>(result)];
       if (result != outcome::fails || (!each.isVital && isAnswering(t))) continue;
       const std::string why =
-          each.isVital ? "nothing else can be tried" : "the filter no longer answers";
+          each.isVital ? "without that, nothing can be tried" : "the filter no longer answers";
       std::cout << "Bail out! " << why << std::endl;
       return endWith(why);
     }

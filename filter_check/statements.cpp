@@ -61,7 +61,7 @@ void expectRefusal(trial& t, const fs::path& file) {
 // Nothing can be restored. The start says so, or a progress query after it.
 void expectFailure(trial& t, const fs::path& file) {
   HRESULT result = t.start(file);
-  t.choice = result == S_OK ? "begins, then " : "";
+  t.choice = result == S_OK ? "0x00000000, then a progress query answers " : "";
   const auto end = steady_clock::now() + t.limit;
   while (result == S_OK) {
     expect(steady_clock::now() < end,
@@ -93,13 +93,13 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   add(
       "zan_restore_filter has an instance on the volume",
       [=](auto&) {
-        expect(instances > 0, "an instance (Windows lists instances only for administrators)");
+        expect(instances > 0, "an instance (Windows lists instances only in an elevated console)");
       },
       true);
   add("zan_restore_filter has no second instance on the volume",
       [=](auto&) { expect(instances == 1, "one instance per volume"); });
   add(
-      "the port with the volume's name accepts a connection",
+      "the port named after the volume id accepts a connection",
       [](auto& t) { const file_handle port(t.connect()); }, true);
   addPing("a ping succeeds");
 
@@ -124,14 +124,14 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   heading = "The message";
   add("fields that the operation does not use are ignored",
       [](auto& t) { expect(t.send(t.newFile(), {.unused = UINT32_MAX}).result, S_OK); });
-  add("the handle's number is not used after the message is handled", [](auto& t) {
+  add("the handle's value is not used after the answer", [](auto& t) {
     const fs::path file = t.newFile(severalChunks);
     const fs::path other = t.newFile();
     expect(t.start(file), S_OK);
     std::list<file_handle> sameNumbers;
     for (int i = 0; i < 8; ++i) sameNumbers.emplace_back(openFile(other));
     t.untilWhole(file, severalChunks);
-    expect(contentOf(other).empty(), "a file whose handle has the same number stays empty");
+    expect(contentOf(other).empty(), "a file whose handle has the same value stays empty");
   });
 
   heading = "Checks";
@@ -139,7 +139,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
           [](auto& t, auto& r) { t.expectRefused({.size = static_cast<std::size_t>(r.value)}); });
   addEach("operation {} is refused", {4, 5, 0x80000000, UINT32_MAX},
           [](auto& t, auto& r) { t.expectRefused({static_cast<ControlOperation>(r.value)}); });
-  addEach("a handle number with bit {} wrongly set is refused", {16, 40}, [](auto& t, auto& r) {
+  addEach("a valid handle value plus bit {} is refused", {16, 40}, [](auto& t, auto& r) {
     const file_handle file(openFile(t.newFile()));
     const auto handle = reinterpret_cast<std::uintptr_t>(file.get()) | 1ULL << r.value;
     t.expectRefused({.handle = reinterpret_cast<HANDLE>(handle)});
@@ -159,7 +159,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     const file_handle writing(ends[1]);
     t.expectRefused({.handle = ends[0]});
   });
-  add("a handle of a connection is refused", [](auto& t) {
+  add("a handle of a connection to the port is refused", [](auto& t) {
     const file_handle port(t.connect());
     t.expectRefused({.handle = port.get()});
   });
@@ -179,16 +179,21 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     expectRefusal(t, t.newFile(tag));
   });
   addEach("a tag with {} is refused",
-          {{"another tag number", 1, offsetof(RestoreTagRecord, tag)},
-           {"another dataLength", 1, offsetof(RestoreTagRecord, dataLength)},
-           {"another guid", 1, offsetof(RestoreTagRecord, guid) + 14},
+          {{"a wrong tag field", 1, offsetof(RestoreTagRecord, tag)},
+           {"a wrong dataLength", 1, offsetof(RestoreTagRecord, dataLength)},
+           {"a wrong guid", 1, offsetof(RestoreTagRecord, guid) + 14},
            {"pathOffset 0", 8, offsetof(RestoreTagRecord, pathOffset)},
            {"pathOffset 9", 1, offsetof(RestoreTagRecord, pathOffset)},
            {"pathOffset 0xffff", 0xFFF7, offsetof(RestoreTagRecord, pathOffset)},
            {"an odd pathLength", 1, offsetof(RestoreTagRecord, pathLength)},
-           {"a pathLength beyond the path", 0x4000, offsetof(RestoreTagRecord, pathLength)},
            {"a pathLength beyond the tag", 0x8000, offsetof(RestoreTagRecord, pathLength)}},
           [](auto& t, auto& r) { expectRefusal(t, t.newFile(changedTag(t, r))); });
+  add("a tag whose pathLength includes the trailer is refused", [](auto& t) {
+    std::string tag = t.tagOf(5000);
+    const std::uint16_t length = RESTORE_TAG_PATH_UNITS * 2 + 4;
+    std::memcpy(&tag[offsetof(RestoreTagRecord, pathLength)], &length, sizeof(length));
+    expectRefusal(t, t.newFile(tag));
+  });
   addEach("nothing is restored by a tag with {}",
           {{"an empty path", 0, offsetof(RestoreTagRecord, pathLength)},
            {"a zero in its path", 0, offsetof(RestoreTagRecord, path) + 8}},
@@ -214,7 +219,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
             const answer came = t.send(file, {.operation = QueryProgress, .room = room});
             expect(came.result, S_OK);
             expect(came.reply == full.reply.substr(0, room),
-                   "as many of the first bytes of the 16-byte answer as fit");
+                   "the first bytes of the 16-byte answer, as many as fit");
           });
 
   heading = "What a filter does, message by state";
@@ -247,7 +252,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     tell(file);
     t.expectContent(file, 5000);
   });
-  addState("a failed file", {Ping}, [](auto& t, auto tell) {
+  addState("a file whose restoration failed", {Ping}, [](auto& t, auto tell) {
     const fs::path file = t.newFile(tagFor(t.prefix + L"missing"));
     expectFailure(t, file);
     tell(file);
@@ -262,7 +267,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
           [](auto& t, auto& r) {
             expectFailure(t, t.newFile(tagFor(t.prefix + (r.value == 0 ? L"missing" : L"folder"))));
           });
-  addEach("a file of size {} is restored",
+  addEach("a backing file of size {} is restored",
           {0, 1, 4095, 4096, 4097, mebibyte - 1, mebibyte, mebibyte + 1, severalChunks},
           [](auto& t, auto& r) { newlyRestored(t, static_cast<std::uint64_t>(r.value)); });
   addEach("{} files are restored at the same time", {8, 50},
@@ -274,7 +279,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     try {
       t.whileRestoring([](auto&) {});
     } catch (const untried&) {
-      throw violation{"after the answer, a file of up to 1 GiB is still being restored"};
+      throw violation{"a restoration that still runs after its start is answered (1 GiB)"};
     }
   });
   add("nothing is written after a stop is answered", [](auto& t) {
@@ -307,7 +312,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     t.rename(file, t.nextFile());
     t.restore(t.nextFile(), 5000);
   });
-  addPing("a ping succeeds after restored files");
+  addPing("a ping succeeds after files were restored");
 
   heading = "The tag";
   add("the path ends where pathLength says", [](auto& t) {
@@ -326,7 +331,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   add("the tag is unchanged when the file is whole", [](auto& t) {
     expect(contentOf(tagOn(newlyRestored(t, 5000))) == t.tagOf(5000), "the same 16376 bytes");
   });
-  add("a start uses a tag that was replaced", [](auto& t) {
+  add("after a tag was replaced, a start uses the new one", [](auto& t) {
     const fs::path file = t.newFile(5000);
     t.send(file, {QueryProgress});
     writeTag(file, t.tagOf(4097), OPEN_EXISTING);

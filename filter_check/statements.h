@@ -2,7 +2,8 @@
 
 #include "filter_check/trial.h"
 
-/// One statement of the contract per row. The row's text replaces "{}" in the statement's.
+/// Statements of the contract that one function checks, one per row. The row's text replaces "{}"
+/// in `text`.
 struct statement {
   struct row {
     row(std::int64_t number) : text(std::to_string(number)), value(number) {}
@@ -16,7 +17,7 @@ struct statement {
   std::string text;
   std::vector<row> rows;
   std::function<void(trial&, const row&)> check;
-  bool isVital = false;  // if it fails, nothing else can be tried
+  bool isVital = false;  // if it fails, nothing can be tried
 };
 
 /// The statements of the contract that instances, messages and file contents can show, in the order

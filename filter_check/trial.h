@@ -137,9 +137,9 @@ struct answer {
   std::string reply;
 };
 
-/// What statements are tried with: new files and messages. Backing files are named by their
-/// size. Anything that breaks the contract throws violation. Waits `limit`
-/// for an answer, and for a file without progress once six times as long, then `limit`.
+/// What statements are tried with: new files and messages. Backing files are named by their size.
+/// Anything that breaks the contract throws violation. Waits at most `limit` for an answer. Waits
+/// six times `limit` for the first file that makes no progress, and `limit` for each later one.
 class trial {
  public:
   using file_action = std::function<void(const fs::path&)>;
@@ -206,7 +206,7 @@ class trial {
     fs::remove(tagOn(file), error);
     const auto end = steady_clock::now() + limit;
     for (; fs::exists(file); pauseFor(20ms))
-      expect(steady_clock::now() < end, "a deleted file disappears");
+      expect(steady_clock::now() < end, "a deleted file is gone within the time limit");
   }
 
   static void rename(const fs::path& file, const fs::path& name) {
@@ -235,7 +235,7 @@ class trial {
   }
 
   answer send(const fs::path& file, const request& what) {
-    static constexpr const char* names[] = {"ping", "start", "stop", "query"};
+    static constexpr const char* names[] = {"ping", "start", "stop", "progress query"};
     const file_handle port(connect());
     file_handle opened(openFile(file));
     const HANDLE handle = what.handle == INVALID_HANDLE_VALUE ? opened.get() : what.handle;
@@ -246,9 +246,9 @@ class trial {
         reinterpret_cast<std::uintptr_t>(handle), {what.operation, strategy}, what.unused};
     const auto code = static_cast<std::uint32_t>(what.operation);
     log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
-                  zan::textOf(file.filename()) +
-                  ", n = " + std::to_string(strategy.concurrentReads) + ", size " +
-                  std::to_string(what.size) + ": ");
+                  (handle == opened.get() ? zan::textOf(file.filename()) : "another handle") +
+                  (isStart ? ", n = " + std::to_string(what.n) : "") + ", " +
+                  std::to_string(what.size) + " bytes: ");
     std::string bytes(std::max(what.size, sizeof(message)), '\0');
     std::memcpy(bytes.data(), &message, sizeof(message));
     bytes.resize(what.size);
@@ -263,6 +263,7 @@ class trial {
           return answer{result, reply};
         });
     log.back() += hex(came.result);
+    if (what.room > 0) log.back() += ", reply of " + std::to_string(came.reply.size()) + " bytes";
     expect(came.result <= 0, "S_OK or a failure code: the tool takes only S_OK for a success");
     expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
            "any answer but 0x80070006, which looks like a lost connection");
@@ -293,7 +294,7 @@ class trial {
 
   /// Starts or continues a file, and waits until it is whole.
   void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4) {
-    expect(start(file, n), S_OK);
+    expect(start(file, n) == S_OK, "0x00000000 for the start");
     untilWhole(file, backingSize);
   }
   void untilWhole(const fs::path& file, std::uint64_t backingSize) {
@@ -306,7 +307,7 @@ class trial {
       last = now;
       if (steady_clock::now() - since <= stallLimit) continue;
       stallLimit = limit;  // once is enough to wait that long
-      throw violation{"the file becomes whole: progress and total equal, and not 0"};
+      throw violation{"more progress, until both numbers are equal and not 0"};
     }
   }
   void expectContent(const fs::path& file, std::uint64_t backingSize) {
@@ -315,17 +316,17 @@ class trial {
     if (is == asked) return;
     const auto differ = std::mismatch(is.begin(), is.end(), asked.begin(), asked.end()).first;
     log.push_back("the file has " + std::to_string(is.size()) + " bytes, its backing file " +
-                  std::to_string(backingSize) + "; they differ from byte " +
-                  std::to_string(differ - is.begin()) + " on");
-    throw violation{"the backing file's bytes once progress and total are equal"};
+                  std::to_string(backingSize) + "; the first difference is at byte " +
+                  std::to_string(differ - is.begin()));
+    throw violation{"the backing file's bytes when progress and total are equal"};
   }
 
-  /// Runs `action` on a file that is being restored before and after the action. Returns the file
-  /// and its size.
+  /// Runs `action` on a file that was started, and is not whole before and after the action.
+  /// Returns the file and the size of its backing file.
   std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action) {
     for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
       const fs::path file = newFile(size);
-      expect(start(file), S_OK);
+      expect(start(file) == S_OK, "0x00000000 for the start");
       if (!isWhole(progress(file))) {
         action(file);
         if (!isWhole(progress(file))) return {file, size};

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Windows compares names without case; ASCII is enough for drives and servers.
+// Windows compares names without case. This does so only for ASCII.
 bool beginsWith(std::string_view path, const std::string& prefix) {
   return path.size() > prefix.size() && path[prefix.size()] == '\\' &&
          strncasecmp(path.data(), prefix.data(), prefix.size()) == 0;

@@ -23,10 +23,11 @@ constexpr const char* usageText =
     "restore_filter [--log] [--drive L=FOLDER]... [--share \\\\SERVER\\SHARE=FOLDER]... DIR...\n"
     "restore_filter --help | --version\n"
     "\n"
-    "Attaches to the volume of each DIR and serves its port until SIGINT or SIGTERM.\n"
-    "Looks up backing paths L:\\... and \\\\SERVER\\SHARE\\... in their FOLDER.\n"
-    "--log prints a line to standard error per well-formed message, and per failed call on a "
-    "file.\n";
+    "A stand-in for the restore filter, for trials. Attaches to the volume of each DIR and serves\n"
+    "its port until SIGINT or SIGTERM. Serves only the user it runs as.\n"
+    "--drive, --share: FOLDER stands for the drive or the share in the paths of backing files.\n"
+    "--log prints to standard error each well-formed message, and unexpected failures of system\n"
+    "calls on files.\n";
 
 int usage() {
   std::cerr << usageText;

@@ -23,7 +23,7 @@ constexpr int reservedDescriptors = 14;
 
 const HRESULT busy = HRESULT_FROM_WIN32(ERROR_BUSY);
 
-// Takes its own reference to the file that the sender's handle stands for.
+// Opens the file that the sender's handle stands for.
 HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   if (handle > INT_MAX) return E_INVALIDARG;
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
@@ -42,7 +42,7 @@ message_handler::~message_handler() {
 
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                                 ProgressInfo& reply, std::size_t& replySize) {
-  static constexpr const char* names[] = {"ping", "start", "stop", "progress"};
+  static constexpr const char* names[] = {"ping", "start", "stop", "progress query"};
   replySize = 0;
   ControlMessage received;
   if (size != sizeof(received)) return E_INVALIDARG;
@@ -54,7 +54,10 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
   if (result == S_OK && operation == ControlOperation::QueryProgress) replySize = sizeof(reply);
   char code[11];
   std::snprintf(code, sizeof(code), "0x%08x", static_cast<unsigned>(result));
-  if (isLogging) logLine(names[static_cast<int>(operation)], pathOf(local.path), code);
+  if (isLogging) {
+    const std::string path = local.path.isOpen() ? pathOf(local.path) : "(no open file)";
+    logLine(names[static_cast<int>(operation)], path, code);
+  }
   return result;
 }
 
@@ -65,7 +68,7 @@ HRESULT message_handler::answer(const ControlMessage& message, pid_t sender, dev
   if (result == S_OK) result = openRegularFile(local.path, O_RDONLY, local.file);
   if (result != S_OK) return result;
   const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
-  // A mount that is not in the table belongs to another mount name space.
+  // A mount that is not in the table belongs to another mount name space, or is outside a chroot.
   if (!volume && errno != ENOENT) return hostFailure("find the mount of", local.file);
   if (!volume || volume->device != device) return E_INVALIDARG;
   if (request.operation == ControlOperation::Ping) return S_OK;
@@ -75,7 +78,7 @@ HRESULT message_handler::answer(const ControlMessage& message, pid_t sender, dev
   if (result != S_OK) return result;
   const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
   const auto known = jobs.find(local.key);
-  if (isStop && known != jobs.end() && known->second.work) {  // whatever became of its tag
+  if (isStop && known != jobs.end() && known->second.work) {  // its tag may be gone
     known->second.work->stop();
     return S_OK;
   }

@@ -26,7 +26,7 @@ class message_handler {
 
   /// Handles a message of `size` bytes to the instance on the volume `device`. The process `sender`
   /// must be in this process's mount name space. Returns the status of the send; `reply` and
-  /// `replySize` (bytes) are its answer. Does not change the content of a file that it refuses.
+  /// `replySize` (bytes) are its answer. If it refuses a message, the file's content is unchanged.
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 

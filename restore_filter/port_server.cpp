@@ -43,7 +43,7 @@ std::string port_server::attach(const char* path, std::string& why) {
   }
   descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const abstract_address address(name);
-  // Clients cannot pass descriptors, where the kernel can forbid it: to close one may take long.
+  // Forbids clients to pass descriptors, if the kernel can: closing a passed one may take long.
   constexpr int passRights = 83, no = 0;  // SO_PASSRIGHTS, Linux 6.16
   setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
@@ -81,7 +81,7 @@ void port_server::serve(int stop) {
   }
 }
 
-// Drops the oldest connection of another user, else the oldest.
+// Drops the oldest connection of another user, else the oldest; without any, only waits.
 void port_server::dropConnection() {
   if (connections.empty()) return waitForResources();
   const auto stranger = std::find_if(connections.begin(), connections.end(),

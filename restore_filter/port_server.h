@@ -11,14 +11,14 @@
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one per volume, and their connections. Serves only its
-/// own user. A slow or silent client delays nobody, nor does a slow read or sync. But if opening
-/// or writing a file blocks, every client waits.
+/// own user. A slow or silent client delays nobody, nor does a slow read of a backing file or a
+/// slow sync. But if opening or writing a file blocks, every client waits.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
 
-  /// Attaches to the volume that holds `path`, once: listens on its port and returns the port's
-  /// name. On failure returns an empty text, and the reason in `why`.
+  /// Attaches to the volume that holds `path`, unless it is attached already: listens on its port.
+  /// Returns the port's name; on failure an empty text, and the reason in `why`.
   std::string attach(const char* path, std::string& why);
 
   /// Serves until the descriptor `stop` becomes readable.

@@ -20,8 +20,8 @@ namespace {
 constexpr std::uint64_t chunkSize = 512 * 1024;              // bytes of one read
 constexpr std::uint64_t saveInterval = 64ULL * 1024 * 1024;  // bytes
 
-// Each restoration has one read of its own and takes more from this pool. The pool's buffers are 64
-// MiB. Each file has 1 MiB more: one chunk is read while another is written.
+// Each restoration has one read of its own and takes more from this pool. All buffers of the pool
+// together take 64 MiB. Each file takes 1 MiB more: one chunk is read while another is written.
 std::counting_semaphore<> sharedReads(128);
 struct read_share {
   explicit read_share(int wanted) {
@@ -72,7 +72,7 @@ void restoration::start(int n) {
 void restoration::stop() {
   state expected = state::running;
   now.compare_exchange_strong(expected, state::stopped);
-  const std::lock_guard lock(writing);  // a write that is under way ends
+  const std::lock_guard lock(writing);  // waits for a write that is under way
 }
 
 bool restoration::wake(int n) {
@@ -89,8 +89,8 @@ HRESULT restoration::progress(ProgressInfo& info) const {
   return result;
 }
 
-// A start after a stop may come at any time. The thread then continues. It ends only by turning
-// stopped into ended.
+// A start after a stop may come at any time. The thread then continues. It ends only if it finds
+// the state `stopped` and changes it to `ended`.
 void restoration::run() {
   state expected{};
   do {
@@ -104,7 +104,7 @@ void restoration::run() {
   } while (!now.compare_exchange_strong(expected, state::ended));
 }
 
-// Restores until the file is whole, something fails, or a stop.
+// Restores until the file is whole, something fails, or it is stopped.
 HRESULT restoration::restore() {
   if (record.isWhole()) return S_OK;
   HRESULT result = save(false);  // before the first byte is written
@@ -146,7 +146,7 @@ HRESULT restoration::fill() {
     result = each.read.get();
     if (next < end) readNext();
     if (result == S_OK) result = write(each.bytes.get(), each.size);
-    // Goes to the disk while the next is read, so a sync has little left to wait for.
+    // Sends the chunk to the disk while the next one is read: a sync then has little to wait for.
     sync_file_range(local.get(), static_cast<off_t>(each.offset), static_cast<off_t>(each.size),
                     SYNC_FILE_RANGE_WRITE);
     if (result == S_OK && position - record.restored() >= saveInterval) result = save(false);
@@ -154,7 +154,8 @@ HRESULT restoration::fill() {
   return result;
 }
 
-// Writes at the position unless stopped. Zeros after the file's end only make it longer.
+// Writes at the position unless stopped. A chunk of zeros at the file's end is not written: the
+// file only becomes longer, by a hole.
 HRESULT restoration::write(const char* bytes, std::size_t size) {
   const std::lock_guard lock(writing);
   if (!isRunning()) return S_OK;

@@ -24,7 +24,7 @@ class restoration : public std::enable_shared_from_this<restoration> {
   /// After this returns, nothing is written into the local file. Does not wait for a sync or for
   /// reads that are under way.
   void stop();
-  /// Continues one that is stopped, with at most n reads. False if it has ended.
+  /// Continues one that is stopped, with at most n reads. False if it is not stopped.
   bool wake(int n);
 
   bool isRunning() const { return now == state::running; }

@@ -107,7 +107,7 @@ HRESULT progress_record::open(const descriptor& local) {
   const bool isOld = result == S_OK && content.restored == 0;
   if (result != none && !isOld) return result;
   // Replaces an old one: the restoration of an earlier file of this name may still write into it.
-  stream = descriptor();  // NTFS removes no open stream
+  stream = descriptor();  // on NTFS, an open stream cannot be removed
   return openStream(local, recordName, O_RDWR | O_CREAT | O_EXCL, stream);
 }
 

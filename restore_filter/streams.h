@@ -9,16 +9,16 @@
 
 #include "platform/posix/descriptor.h"
 
-// The named streams of a local file: the tag, and how far the file is restored. They are trusted
-// only if nobody but root and this process's user can have chosen their content: they own the file
-// and the stream, nobody else can write the stream, and it is a regular file with one link.
-// Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic link on the way to
-// the stream fails too.
+// The named streams of a local file: the tag, and how far the file is restored. A stream is trusted
+// only if nobody but root and this process's user can have chosen its content: one of these two
+// owns the file, one of them the stream, nobody else can write the stream, and it is a regular file
+// with one link. Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic link
+// on the way to the stream fails too.
 
 /// Reads the tag of the file that `local` is open on: `backingPath` becomes the path in it, in
-/// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK, or
-/// as HRESULTs ERROR_NOT_FOUND if the file has no tag or was deleted, ERROR_INVALID_DATA if the tag
-/// is incomplete or malformed.
+/// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK, or as an HRESULT
+/// ERROR_NOT_FOUND if the file has no tag or was deleted, and ERROR_INVALID_DATA if the tag is
+/// incomplete or malformed.
 HRESULT readTagOf(const descriptor& local, std::string& backingPath);
 
 /// A file of a volume: the number of its inode and, since that is reused, its time of birth in
@@ -37,8 +37,8 @@ class progress_record {
   HRESULT read(const descriptor& local);
   /// Opens the stream for save(). Replaces it unless a record with restored bytes was read.
   HRESULT open(const descriptor& local);
-  /// Replaces the stream's content, in one write, and syncs it; the first time also the tag,
-  /// without which a record is nothing. After a failure it writes the old content again.
+  /// Replaces the stream's content, in one write, and syncs it. The first time it also syncs the
+  /// tag, without which a record means nothing. After a failure it writes the old content again.
   HRESULT save(std::uint64_t restored, bool isWhole);
 
   /// How many bytes are restored and on the disk. Of a whole file, its length when it became whole.

@@ -1,5 +1,5 @@
-// The fltlib.dll that the shipped Windows executables meet in their test under Wine: it
-// answers as the environment says, and prints a line for each call to standard error.
+// The fltlib.dll that the shipped Windows executables meet in their test under Wine. It answers as
+// the environment says, and prints a line for each call to standard error.
 
 #include <windows.h>
 // after <windows.h>:

@@ -54,13 +54,13 @@ New-ZanRestore idle 'c:\data' | Out-Null
 foreach ($row in @(
         { New-ZanRestore 'foo.' 'c:\data' }, 'ends in a dot', 0x80070057),
     @({ New-ZanRestore 'foo ' 'c:\data' }, 'ends in a dot or a space', 0x80070057),
-    @({ New-ZanRestore new '' }, 'failed silently', 0x80004005),
+    @({ New-ZanRestore new '' }, 'failed without output', 0x80004005),
     @({ New-ZanRestore no/folder 'c:\x' }, 'create local file failed: 3', 0x80070003),
     @({ Start-ZanRestore taken -ConcurrentReads 4 }, 'message not sent to port', 0x80070490),
     @({ Start-ZanRestore one -ConcurrentReads 0 }, 'message not sent to port', 0x80070057),
     @({ Stop-ZanRestore taken }, 'message not sent to port', 0x80070490),
     @({ Get-ZanRestoreProgress missing }, 'Cannot open local file', 0x80004005),
-    @({ Wait-ZanRestore idle -StallTimeout 1 }, 'makes no progress at 0 of 3145733', 0x80004005)) {
+    @({ Wait-ZanRestore idle -StallTimeout 1 }, 'has made no progress for 1 s; it stands at 0 of 3145733', 0x80004005)) {
     $caught = $null
     try { & $row[0] | Out-Null } catch { $caught = $_ }
     Confirm-That "the error of $($row[0]): $caught" ("$caught" -match $row[1] -and $caught.Exception.HResult -eq $row[2])

@@ -185,7 +185,7 @@ HRESULT answerInstance(LPVOID buffer, DWORD size) {
 using namespace scripted;
 
 // On Windows the program calls kernel32 through import pointers. The definitions below replace
-// these pointers in the whole test program. The names of fltlib are plain functions.
+// these pointers in the whole test program. It calls fltlib directly.
 extern "C" {
 
 #ifdef _WIN32
@@ -194,7 +194,7 @@ extern "C" {
   decltype(&scripted_##name) __imp_##name = scripted_##name; \
   result WINAPI scripted_##name(__VA_ARGS__)
 
-// The real WriteFile: a runtime library that is linked statically calls the replaced one.
+// The real WriteFile: a statically linked runtime library calls the replacement too.
 static BOOL writeReally(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                         LPOVERLAPPED overlapped) {
   static const auto address =

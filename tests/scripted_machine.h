@@ -13,16 +13,16 @@ namespace scripted {
 // A code with a meaning of its own in `failing`.
 constexpr DWORD shortWrite = 0xFFFFFFFF;  // WriteFile succeeds, but a byte short
 
-/// A volume as the system writes it, zeros included: "\\?\Volume{GUID}\" and a zero, and
-/// the list of its device names.
+/// A volume as the system writes it, zeros included: "\\?\Volume{GUID}\" and a zero, and the list
+/// of its device names.
 struct volume {
   std::wstring name;
   std::wstring devices;
 };
 
 struct machine {
-  // What the test says. A key of `failing` is "CALL#n" for its n-th use, "CALL"
-  // for every use; the value is the error code or HRESULT that it fails with.
+  // What the test says. A key of `failing` is "CALL#n" for its n-th use, "CALL" for every use; the
+  // value is the error code or HRESULT that it fails with.
   std::map<std::string, DWORD> failing;
   std::map<std::wstring, std::string> files;  // with their content
   bool hasConsole = false;
@@ -31,8 +31,8 @@ struct machine {
   std::vector<std::string> instances;  // Filter Manager records
   std::string reply;                   // of the filter to a message
 
-  // What happened: a line per call, what is still open, and what the debug monitor, the
-  // console and the standard error show.
+  // What happened: a line per call, what is still open, what the debug monitor, the console and the
+  // standard error show, and how far the lists were read.
   std::vector<std::string> calls;
   std::map<HANDLE, std::wstring> open;
   std::vector<std::string> traces;
@@ -49,8 +49,8 @@ extern machine world;
 /// How often the program has called this function.
 std::ptrdiff_t uses(const std::string& call);
 
-// Three volumes with the restore filter attached to all of them, the second with two
-// device names, and a local file f on the third: what the control commands expect.
+// What the control commands expect: three volumes with the restore filter attached to all of them,
+// the second with two device names, and a local file f on the third.
 inline const std::wstring firstVolume = L"Volume{11111111-1111-1111-1111-111111111111}";
 inline const std::wstring secondVolume = L"Volume{22222222-2222-2222-2222-222222222222}";
 inline const std::wstring fileVolume = L"Volume{abcdefab-3333-3333-3333-333333333333}";

@@ -88,7 +88,7 @@ function Resolve-File([string] $Path, $Cmdlet) {
 
 # Writes one non-terminating error for a file, with the tool's output and its HRESULT.
 function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] $Id, $Cmdlet) {
-    if ($Text -eq '') { $Text = 'zan_restore failed silently. After a set-up: is the backing path empty or too long?' }
+    if ($Text -eq '') { $Text = 'zan_restore failed without output. If this was a set-up: is the backing path empty or too long?' }
     $failure = [Runtime.InteropServices.ExternalException]::new("${File}: $Text", $HResult)
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new($failure, $Id, 'NotSpecified', $File))
 }
@@ -162,8 +162,8 @@ function Write-Start([string] $File, $Answer, $Cmdlet) {
     $true
 }
 
-# Whether a file is still being restored.
-function Test-Running([string] $File) {
+# Whether a file answers and is not whole yet.
+function Test-Unfinished([string] $File) {
     $answer = Invoke-Tool '--progress', $File
     $answer.Status -eq 0 -and $answer.Text -notmatch '^progress: 0x(?!0 )([0-9a-f]+) of 0x\1$'
 }
@@ -181,9 +181,9 @@ function New-ZanRestore {
     The backing file: c:\dir\foo.txt or \\server\share\foo.txt. The tag stores it in NT form.
     Nothing checks that the file exists.
     .PARAMETER ConcurrentReads
-    The tag records that the entire file is to be restored, with this many concurrent reads of the
-    backing file. 0, the default, records no such wish. This starts nothing: see Start-ZanRestore. A
-    list can have it as a third column, ConcurrentReads.
+    How many concurrent reads you want. The tag records this number, and that the entire file is to
+    be restored. With 0, the default, it records neither. A list can have it as a third column.
+    The set-up starts nothing: Start-ZanRestore has its own ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -225,9 +225,9 @@ function Start-ZanRestore {
     Starts the aggressive restoration of a file that has been set up.
     .DESCRIPTION
     Like all functions that ask the filter, this needs an elevated console. It returns when the
-    restoration has begun. Wait-ZanRestore waits for its end. A file that is
-    already being restored is returned. If the filter has reached its limit of open files, memory or
-    threads, the file is started when other files are finished.
+    restoration has begun. Wait-ZanRestore waits for its end. A file that is already being restored
+    is returned. If the filter has reached its limit of open files, memory or other resources, the
+    function waits and starts the file when others that it has started are finished.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
@@ -260,9 +260,7 @@ function Start-ZanRestore {
     }
     end {
         while ($refused.Count) {
-            $running = @($started | Where-Object { Test-Running $_ })
-            if ($running.Count -and $running.Count -eq $started.Count) { Start-Sleep -Milliseconds 200; continue }
-            $started = $running
+            $started = @($started | Where-Object { Test-Unfinished $_ })
             while ($refused.Count) {
                 $next = $refused.Peek()
                 $answer = Invoke-Tool '--startAggressiveRestore', "$($next.Reads)", $next.File
@@ -270,6 +268,7 @@ function Start-ZanRestore {
                 if (Write-Start $next.File $answer $PSCmdlet) { $started += $next.File }
                 [void] $refused.Dequeue()
             }
+            if ($refused.Count) { Start-Sleep -Milliseconds 200 }
         }
     }
 }
@@ -308,7 +307,7 @@ function Test-ZanRestore {
     .OUTPUTS
     System.Boolean. -Verbose shows the tool's output, which says why it is false.
     .EXAMPLE
-    if (-not (Test-ZanRestore d:\vm\disk.vhd)) { fltmc attach zan_restore_filter d: }
+    Get-ChildItem d:\vm\*.vhd | Where-Object { -not (Test-ZanRestore $_ -Verbose) }
     #>
     [CmdletBinding()]
     [OutputType([bool])]
@@ -359,11 +358,12 @@ function Wait-ZanRestore {
     .DESCRIPTION
     One progress bar shows all files, another the slowest file. If a file makes no progress for
     longer than StallTimeout, an error is written and the file is no longer waited for. Its
-    restoration is not stopped. If the filter does not answer, the wait has no limit.
+    restoration is not stopped. StallTimeout does not cover a filter that does not
+    answer at all: then the function waits forever.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER StallTimeout
-    Seconds. The default is 60.
+    How many seconds a file may make no progress. The default is 60.
     .OUTPUTS
     The last known progress of each file, in the form of Get-ZanRestoreProgress.
     .EXAMPLE
@@ -412,7 +412,7 @@ function Wait-ZanRestore {
                         if (-not $before -or $before.Progress -ne $now.Progress -or $before.Total -ne $now.Total) {
                             $since[$file] = $clock.Elapsed
                         } elseif (($clock.Elapsed - $since[$file]).TotalSeconds -gt $StallTimeout) {
-                            $text = "makes no progress at $($now.Progress) of $($now.Total)"
+                            $text = "has made no progress for $StallTimeout s; it stands at $($now.Progress) of $($now.Total)"
                             Write-Failure $file $text $script:generalFailure 'ZanRestore.Stalled' $PSCmdlet
                             $PSCmdlet.WriteObject($now)
                             continue
