@@ -11,11 +11,12 @@
 
 /// Sets up a restore: creates `file`, empty and new, and gives it the tag stream with
 /// `backingPath` and `strategy`. After a failure it tries to delete the file again. It never
-/// touches an existing file. But if `file` names a stream, NAME:STREAM, it adds that to NAME.
+/// touches an existing file, except for this: if `file` is NAME:STREAM, it adds that stream to
+/// NAME.
 int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy);
 
-/// Sends `request` (ping, start or stop) to the restore filter's port for the
-/// volume that holds the local file `path`, and prints each step.
+/// Sends `request` (ping, start or stop) to the restore filter's port for the volume that holds the
+/// local file `path`, and prints each step.
 int sendControlRequest(std::wstring path, const ControlRequest& request);
 
 /// Queries the progress of the restoration of the local file `path`; prints nothing on success.

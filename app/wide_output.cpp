@@ -37,8 +37,7 @@ wide_output::int_type wide_output::overflow(int_type unit) {
 int wide_output::sync() {
   write(pbase(), pptr() - pbase());
   setp(units.data(), units.data() + units.size());
-  // Never a failure: that would silence every later line, though a full disk or a slow reader may
-  // recover.
+  // Always a success. A failure would silence every later line, although a full disk may get room.
   std::cout.rdbuf()->pubsync();
   return 0;
 }

@@ -1,4 +1,4 @@
-# Flags of every target, tests included: warnings, reproducible output, sanitizers, and with MSVC
+# Flags of every target, tests included: warnings, reproducible output, sanitizers and, for MSVC,
 # control flow guard.
 
 if(MSVC)
@@ -23,7 +23,7 @@ if(MINGW)
   add_link_options(-static)
 endif()
 
-if(WIN32) # Windows 10; record layouts of Windows 8 and later
+if(WIN32) # Windows 10. The Filter Manager's records are those of Windows 8 and later.
   add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 NTDDI_VERSION=0x0A000000 NOMINMAX)
 endif()
 

@@ -12,7 +12,8 @@ endif()
 install(TARGETS zan_restore zan_filter_check DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/zan_restore_filter.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${ZAN_DOCUMENTS})
-install(FILES docs/failures.md docs/first-hour-on-windows.md docs/fleets.md docs/restore-filter-contract.md
+install(FILES docs/decisions.md docs/failures.md docs/first-hour-on-windows.md docs/fleets.md
+    docs/restore-filter-contract.md
   DESTINATION ${ZAN_DOCUMENTS}/docs)
 install(DIRECTORY docs/images DESTINATION ${ZAN_DOCUMENTS}/docs)
 if(WIN32)

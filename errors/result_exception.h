@@ -13,15 +13,15 @@ namespace zan::except {
 /// (boost::errinfo_api_function) and its HRESULT (errinfo_HRESULT).
 struct result_exception : virtual boost::exception, virtual std::exception {};
 
-// A class, not a struct. Boost prints in the order of the type names. MSVC's begin with the
-// keyword, and "class" comes before the "struct" of errinfo_api_function: so the HRESULT is printed
-// first.
+// A class, not a struct. Boost prints in the order of type_info::name(). With MSVC, names contain
+// "class" or "struct", and "class" comes before the "struct" of errinfo_api_function: so the
+// HRESULT is printed first.
 class errinfo_HRESULT_;
 /// The HRESULT that the function returned, as a 32-bit pattern.
 using errinfo_HRESULT = boost::error_info<errinfo_HRESULT_, DWORD>;
 
-/// Renders the HRESULT as "0x" and lowercase digits. diagnostic_information finds this function by
-/// argument-dependent lookup.
+/// Renders the HRESULT as "0x" and lowercase digits, without a line end. diagnostic_information
+/// finds this function by argument-dependent lookup.
 std::string to_string(const errinfo_HRESULT& info);
 
 }  // namespace zan::except

@@ -20,7 +20,7 @@ constexpr std::size_t largestRecordBuffer = 1024 * 1024;
 // The layout of Windows 8 and later.
 static_assert(sizeof(INSTANCE_AGGREGATE_STANDARD_INFORMATION) == 40);
 
-// Closes the search, even one that was never opened.
+// Closes the search, even one that was never opened: that call, and its trace line, are fixed.
 struct instance_search {
   ~instance_search() {
     const HRESULT closed = FilterInstanceFindClose(handle);

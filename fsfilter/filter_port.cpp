@@ -11,8 +11,8 @@
 
 namespace zan::fsfilter {
 
-// The filter looks only at the size of the context. Zeros show it no memory address of this
-// process.
+// The filter looks only at the size of the context. With zeros, nothing from this process's memory
+// gets to it.
 static const std::array<BYTE, RESTORE_FILTER_CONNECTION_CONTEXT_SIZE> connectionContext{};
 
 filter_port::filter_port(const std::wstring& name)
@@ -43,8 +43,8 @@ DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWO
       FilterSendMessage(portHandle, input, inputLength, output, outputLength, &returned);
   if (result == S_OK) return returned;
 
-  // Anything else is a failure, positive success codes included. The exception's
-  // content is printed in the order of its types: the HRESULT first, then the
+  // Anything else is a failure, positive success codes included. Boost prints what the exception
+  // holds in the order of the type names, not of these lines: the HRESULT first, then the
   // function.
   except::result_exception failure;
   failure << boost::errinfo_api_function("FilterSendMessage");

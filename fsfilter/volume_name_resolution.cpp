@@ -15,7 +15,8 @@
 namespace zan::fsfilter {
 namespace {
 
-constexpr std::size_t smallestDeviceBuffer = MAX_PATH;  // UTF-16 code units
+// UTF-16 code units. A buffer is doubled as long as it stays below the largest: up to 266,240.
+constexpr std::size_t smallestDeviceBuffer = MAX_PATH;
 constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;
 
 constexpr std::wstring_view prefix = L"\\\\?\\";  // before a volume id
@@ -73,7 +74,7 @@ void FilterInstanceInfo::resolveVolumeId() noexcept {
       return;
     }
     do {
-      // Only \\?\NAME\ names a volume.
+      // Skips every name that does not have the form \\?\NAME\.
       const std::wstring_view name = textIn(volume);
       const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
                             name.starts_with(prefix) && name.ends_with(L'\\');

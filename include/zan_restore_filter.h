@@ -1,8 +1,8 @@
 /*
  * The contract between zan_restore and the restore filter: names, the tag record and the messages,
- * byte for byte. For C, and for C++11 or later, in a kernel driver (with a 16-bit wchar_t) and in
- * user mode. All integers are little-endian. docs/restore-filter-contract.md shows how they are
- * used.
+ * byte for byte. For C, and for C++11 or later, in a kernel driver and in user mode. A driver needs
+ * a 16-bit wchar_t. All integers are little-endian. docs/restore-filter-contract.md shows how they
+ * are used, and which fields a filter must not check.
  */
 #ifndef ZAN_RESTORE_FILTER_H
 #define ZAN_RESTORE_FILTER_H
@@ -23,8 +23,8 @@
 /* Length in bytes of the connection context. Its content means nothing. */
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
-/* The named stream of a local file that holds one RestoreTagRecord and nothing else. _STREAM_NAME_A
- * is its name, _STREAM is what follows the file's path. */
+/* The named stream of a local file that holds one RestoreTagRecord and nothing else. The first
+ * macro is the stream's name; the second follows the file's path when the stream is opened. */
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
@@ -42,7 +42,7 @@ enum { RestoreStrategyKind_none = 0, RestoreStrategyKind_simple = 1 };
 
 typedef struct RestoreStrategy {
   RestoreStrategyKind kind;
-  int32_t concurrentReads; /* for simple: the user's n, unchecked; else 0 */
+  int32_t concurrentReads; /* for simple: as the user gave it, 0 and below included; else 0 */
 } RestoreStrategy;
 
 #define RESTORE_TAG 0x00000053u
@@ -64,7 +64,7 @@ typedef struct RestoreTagRecord {
   uint16_t pathOffset; /* RESTORE_TAG_PATH_OFFSET */
   uint16_t pathLength; /* bytes of path in use: even, at most 16336 */
   RestoreStrategy strategy;
-  uint16_t path[RESTORE_TAG_PATH_UNITS]; /* backing file in NT form, then zeros */
+  uint16_t path[RESTORE_TAG_PATH_UNITS]; /* the backing file, then zeros if there is room */
   uint32_t trailer;                      /* 0 */
 } RestoreTagRecord;
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-// One 16 KiB buffer. Only its first 16376 bytes, the record, are written.
+// A 16 KiB buffer. Only its first 16376 bytes, the record, go into the stream.
 struct tag_buffer {
   RestoreTagRecord record;
   unsigned char unused[8];

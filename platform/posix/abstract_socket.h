@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <string_view>
 
-/// A name in the abstract name space of Unix sockets (unix(7)). A name that is too long is cut.
-/// Nothing listens on the cut name.
+/// A name in the abstract name space of Unix sockets (unix(7)). A name that is too long is cut;
+/// ports and the debug monitor have shorter ones.
 class abstract_address {
  public:
   explicit abstract_address(std::string_view name) {

@@ -36,5 +36,5 @@ class descriptor {
   int number;
 };
 
-/// A path to what a descriptor of this process is open on.
+/// A path to the file on which a descriptor of this process is open.
 inline std::string procPathOf(int number) { return "/proc/self/fd/" + std::to_string(number); }

@@ -18,13 +18,13 @@ namespace {
 
 constexpr std::string_view defaultStreamType = ":$DATA";
 
-// The latest stream that this process created, by a path that ended in ":$DATA". If streams are
+// The path, without ":$DATA", of the latest stream that this process created. If streams are
 // separate files, deleting the main file also deletes this one, but no stream that somebody else
 // created.
 char createdStream[PATH_MAX];
 
-// Removes the type from a stream's name, FILE:STREAM:$DATA. False for the invalid
-// forms, FILE:$DATA and FILE:STREAM:$DATA:ANYTHING.
+// Removes the type from a stream's name, FILE:STREAM:$DATA. False for the invalid forms, FILE:$DATA
+// and FILE:STREAM:$DATA:ANYTHING.
 bool dropStreamType(host_string& path) {
   std::string_view name(path.bytes, path.size);
   name.remove_prefix(name.rfind('/') + 1);
@@ -80,8 +80,9 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   return handleOf(file.release());
 }
 
-// Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest, and
-// the error of that attempt says why. Ends early if nothing more is written.
+// Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest: the
+// error of that attempt says why the write was short. If an attempt writes nothing, it succeeds
+// with what is written so far.
 BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
   *written = 0;
   while (*written < size) {

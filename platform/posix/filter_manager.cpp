@@ -1,5 +1,5 @@
 // The Filter Manager. An instance is a listening socket with the name of a port, and a connection
-// is a SOCK_SEQPACKET socket. The client sends its context and gets an HRESULT (int32,
+// is a SOCK_SEQPACKET socket. To connect, the client sends its context and gets an HRESULT (int32,
 // little-endian). A message is the size of the output buffer (uint32) and the input bytes. Its
 // answer is an HRESULT and the reply, which fits into the output buffer.
 

@@ -21,7 +21,7 @@ DWORD windowsErrorFor(int error) {
     case EACCES:
     case EPERM:
     case EISDIR:
-    case EXDEV: return ERROR_ACCESS_DENIED;  // EXDEV: the path leads out of its folder
+    case EXDEV: return ERROR_ACCESS_DENIED;  // EXDEV: a path leads out of openat2's folder
     case EBADF: return ERROR_INVALID_HANDLE;
     case ENOMEM: return ERROR_NOT_ENOUGH_MEMORY;
     case EROFS: return ERROR_WRITE_PROTECT;

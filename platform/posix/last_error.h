@@ -10,9 +10,10 @@ DWORD windowsErrorFor(int error);
 /// errno as an HRESULT.
 inline HRESULT hostFailure() { return HRESULT_FROM_WIN32(windowsErrorFor(errno)); }
 
-/// For the return of a failed call: sets the last error to `code`, or to errno, and returns false.
+/// Sets the last error to `code`, and returns false for the failed call to return.
 inline bool failsWith(DWORD code) {
   SetLastError(code);
   return false;
 }
+/// The same with the code for errno.
 inline bool failsWithErrno() { return failsWith(windowsErrorFor(errno)); }

@@ -1,4 +1,4 @@
-// Volumes: the host's mounts. A volume is a device number. All mounts of one device are one volume.
+// Volumes. A volume is a mounted device, known by its number: all its mounts are one volume.
 
 #include <windows.h>
 

@@ -1,6 +1,6 @@
-// Loads fltlib.dll at its first call, only from System32: a DLL of that name beside the executable
-// never runs. Windows loads the other imported DLLs, which are known DLLs, only from there anyway.
-// Used with linkers that lack /DEPENDENTLOADFLAG.
+// Loads fltlib.dll when one of its functions is first called, and only from System32: a DLL of that
+// name beside the executable never runs. The other imported DLLs are on Windows' KnownDLLs list, so
+// Windows loads them only from System32 anyway. Used with linkers that lack /DEPENDENTLOADFLAG.
 
 #include <windows.h>
 // after <windows.h>:

@@ -4,7 +4,7 @@ if(MSVC)
   target_link_libraries(fsfilter INTERFACE fltlib)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
-  # dlltool leaves temporary files, and derives names of symbols from the output's path.
+  # dlltool leaves temporary files: in TMPDIR. It derives symbol names from the output's path: relative.
   add_custom_command(OUTPUT ${delayed_fltlib}
     COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
       ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
@@ -23,7 +23,7 @@ function(windows_executable name description)
   set_property(SOURCE ${resources}
     PROPERTY OBJECT_DEPENDS ${PROJECT_SOURCE_DIR}/platform/windows/executable.manifest)
   if(MSVC)
-    # The manifest is a resource, and DLLs are looked for in System32 only.
+    # /MANIFEST:NO: the manifest is a resource. 0x800: DLLs are looked for only in System32.
     target_link_options(${name} PRIVATE
       /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
       /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT /DEBUG /OPT:REF /OPT:ICF)

@@ -1,7 +1,7 @@
 #pragma once
 
-// The part of <fltuser.h> that the program uses: the Filter Manager's user-mode library, with its
-// own values and layouts.
+// The part of <fltuser.h> that the program uses: the Filter Manager's user-mode library, with the
+// values and layouts of Windows.
 
 #include <windows.h>
 
