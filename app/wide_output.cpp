@@ -37,7 +37,7 @@ wide_output::int_type wide_output::overflow(int_type unit) {
 int wide_output::sync() {
   write(pbase(), pptr() - pbase());
   setp(units.data(), units.data() + units.size());
-  // Always a success. A failure would silence every later line, although a full disk may get room.
+  // Always a success. A failure would silence every later line, even once a full disk has room.
   std::cout.rdbuf()->pubsync();
   return 0;
 }

@@ -43,7 +43,7 @@ DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWO
       FilterSendMessage(portHandle, input, inputLength, output, outputLength, &returned);
   if (result == S_OK) return returned;
 
-  // Anything else is a failure, positive success codes included. Boost prints what the exception
+  // Any other result is a failure, even a positive success code. Boost prints what the exception
   // holds in the order of the type names, not of these lines: the HRESULT first, then the
   // function.
   except::result_exception failure;

@@ -397,7 +397,7 @@ class WithRestoreFilter(story):
             with self.subTest(name):
                 self.start(name, 2, EXISTS)
                 self.assertEqual((progress(name), Path(name).read_bytes()), (EXISTS, before))
-        with open("changed", "r+b") as changed:  # a whole file is its user's, whatever becomes of its backing file
+        with open("changed", "r+b") as changed:  # its user owns a whole file, whatever becomes of the backing file
             changed.write(b"its user's")
         for change in (lambda: os.truncate("back/data", 5), lambda: os.unlink("back/data")):
             change()

@@ -37,7 +37,7 @@ void expectWholeWorld(const std::wstring& words, const codes& failing, int alloc
               std::find(world.calls.begin(), portClosed, "CloseHandle f") != portClosed);
   for (const std::string& trace : world.traces) EXPECT_TRUE(trace.ends_with('\n')) << trace;
   EXPECT_TRUE(done.output.empty() || done.output.ends_with('\n')) << done.output;
-  // Either the program managed without the memory, or it says that it has none, and nothing else.
+  // The program either managed without the memory, or says only that it has none.
   const std::string outOfMemory = std::string("zan_restore: ") + std::bad_alloc().what() + '\n';
   EXPECT_TRUE(world.errors.empty() || world.errors == outOfMemory) << world.errors;
 

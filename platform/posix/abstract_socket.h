@@ -7,7 +7,7 @@
 #include <string_view>
 
 /// A name in the abstract name space of Unix sockets (unix(7)). A name that is too long is cut;
-/// ports and the debug monitor have shorter ones.
+/// those of ports and the debug monitor fit.
 class abstract_address {
  public:
   explicit abstract_address(std::string_view name) {

@@ -4,7 +4,7 @@ if(MSVC)
   target_link_libraries(fsfilter INTERFACE fltlib)
 else()
   set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
-  # dlltool leaves temporary files: in TMPDIR. It derives symbol names from the output's path: relative.
+  # TMPDIR: dlltool leaves temporary files. A relative path: it derives symbol names from the output's.
   add_custom_command(OUTPUT ${delayed_fltlib}
     COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
       ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
