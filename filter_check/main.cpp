@@ -69,7 +69,7 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
   std::size_t plan = 0;
   for (const statement& each : statements) plan += each.rows.size();
   std::cout << "TAP version 13\n1.." << plan << "\n# zan_filter_check " ZAN_VERSION
-            << "\n# the tags name files in " << zan::textOf(zan::hostPath(t.prefix)) << std::endl;
+            << "\n# backing paths begin with " << zan::textOf(zan::hostPath(t.prefix)) << std::endl;
   int number = 0;
   int count[3] = {};
   std::string heading;
@@ -80,7 +80,7 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
       ++count[static_cast<int>(result)];
       if (result != outcome::fails || (!each.isVital && isAnswering(t))) continue;
       const std::string why =
-          each.isVital ? "without that, nothing can be tried" : "the filter no longer answers";
+          each.isVital ? "nothing else can be tried" : "the filter no longer answers";
       std::cout << "Bail out! " << why << std::endl;
       return endWith(why);
     }

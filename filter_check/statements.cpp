@@ -18,7 +18,7 @@ fs::path newlyRestored(trial& t, std::uint64_t size) {
   return file;
 }
 
-// A file that was being restored when it was stopped, and the size of its backing file.
+// A file stopped during its restoration, and the size of its backing file.
 auto stopped(trial& t) {
   return t.whileRestoring(
       [&](auto& file) { expect(t.send(file, {StopAggressiveRestore}).result, S_OK); });
@@ -139,7 +139,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
           [](auto& t, auto& r) { t.expectRefused({.size = static_cast<std::size_t>(r.value)}); });
   addEach("operation {} is refused", {4, 5, 0x80000000, UINT32_MAX},
           [](auto& t, auto& r) { t.expectRefused({static_cast<ControlOperation>(r.value)}); });
-  addEach("a valid handle value plus bit {} is refused", {16, 40}, [](auto& t, auto& r) {
+  addEach("a handle value with bit {} set is refused", {16, 40}, [](auto& t, auto& r) {
     const file_handle file(openFile(t.newFile()));
     const auto handle = reinterpret_cast<std::uintptr_t>(file.get()) | 1ULL << r.value;
     t.expectRefused({.handle = reinterpret_cast<HANDLE>(handle)});
@@ -206,7 +206,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addPing("a ping succeeds after refused messages and tags");
 
   heading = "Rights";
-  add("a tag does not let a user read a file that they may not read",
+  add("a tag lets nobody read a file they have no right to read",
       [](auto&) { throw untried{"the check runs as one user"}; });
 
   heading = "The answer";
@@ -270,7 +270,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addEach("a backing file of size {} is restored",
           {0, 1, 4095, 4096, 4097, mebibyte - 1, mebibyte, mebibyte + 1, severalChunks},
           [](auto& t, auto& r) { newlyRestored(t, static_cast<std::uint64_t>(r.value)); });
-  addEach("{} files are restored at the same time", {8, 50},
+  addEach("{} files started together become whole", {8, 50},
           [](auto& t, auto& r) { restoreAtOnce(t, r.value); });
   addEach("a start with n = {} restores the file", {1, 4, 64, INT_MAX}, [](auto& t, auto& r) {
     t.restore(t.newFile(severalChunks), severalChunks, static_cast<std::int32_t>(r.value));
@@ -279,7 +279,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     try {
       t.whileRestoring([](auto&) {});
     } catch (const untried&) {
-      throw violation{"a restoration that still runs after its start is answered (1 GiB)"};
+      throw violation{"a 1 GiB restoration that still runs after its start is answered"};
     }
   });
   add("nothing is written after a stop is answered", [](auto& t) {

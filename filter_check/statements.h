@@ -17,7 +17,7 @@ struct statement {
   std::string text;
   std::vector<row> rows;
   std::function<void(trial&, const row&)> check;
-  bool isVital = false;  // if it fails, nothing can be tried
+  bool isVital = false;  // if it fails, nothing else can be tried
 };
 
 /// The statements of the contract that instances, messages and file contents can show, in the order

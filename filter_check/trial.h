@@ -33,7 +33,7 @@ using std::chrono::steady_clock;
 using zan::file_handle;
 using enum ControlOperation;
 
-// What ends a statement or the run early. A failure of the machine is a std::exception.
+// What ends a statement or the run early. A failure of the system is a std::exception.
 struct violation {
   std::string expected;  // by the contract
 };
@@ -112,7 +112,7 @@ struct own_folder {
   ~own_folder() {
     std::error_code error;
     for (int i = 0; i == 0 || (error && i < 50); ++i) {
-      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter still works in it
+      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter may still use it
       fs::remove_all(path, error);
     }
     if (error) std::cerr << "zan_filter_check: could not remove " + zan::textOf(path) + '\n';
@@ -137,7 +137,7 @@ struct answer {
   std::string reply;
 };
 
-/// What statements are tried with: new files and messages. Backing files are named by their size.
+/// Provides the new files and messages to try statements. Backing files are named by their size.
 /// Anything that breaks the contract throws violation. Waits at most `limit` for an answer. Waits
 /// six times `limit` for the first file that makes no progress, and `limit` for each later one.
 class trial {
@@ -202,8 +202,8 @@ class trial {
 
   void remove(const fs::path& file) const {
     fs::remove(file);
-    std::error_code error;  // where the tag is a file of its own
-    fs::remove(tagOn(file), error);
+    std::error_code error;
+    fs::remove(tagOn(file), error);  // if it is a file of its own
     const auto end = steady_clock::now() + limit;
     for (; fs::exists(file); pauseFor(20ms))
       expect(steady_clock::now() < end, "a deleted file is gone within the time limit");
@@ -264,7 +264,7 @@ class trial {
         });
     log.back() += hex(came.result);
     if (what.room > 0) log.back() += ", reply of " + std::to_string(came.reply.size()) + " bytes";
-    expect(came.result <= 0, "S_OK or a failure code: the tool takes only S_OK for a success");
+    expect(came.result <= 0, "S_OK or a failure code: for the tool, only S_OK is a success");
     expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
            "any answer but 0x80070006, which looks like a lost connection");
     return came;
@@ -272,7 +272,7 @@ class trial {
   HRESULT start(const fs::path& file, std::int32_t n = 4) {
     return send(file, {StartAggressiveRestore, n}).result;
   }
-  /// A message about a new file that must be refused with E_INVALIDARG.
+  /// Sends a message about a new file; expects E_INVALIDARG.
   void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
 
   ProgressInfo progress(const fs::path& file) {

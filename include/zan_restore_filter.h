@@ -1,8 +1,8 @@
 /*
  * The contract between zan_restore and the restore filter: names, the tag record and the messages,
  * byte for byte. For C, and for C++11 or later, in a kernel driver and in user mode. A driver needs
- * a 16-bit wchar_t. All integers are little-endian. docs/restore-filter-contract.md shows how they
- * are used, and which fields a filter must not check.
+ * a 16-bit wchar_t. All integers are little-endian. docs/restore-filter-contract.md has the rules,
+ * and says which fields a filter must not check.
  */
 #ifndef ZAN_RESTORE_FILTER_H
 #define ZAN_RESTORE_FILTER_H
@@ -24,7 +24,7 @@
 #define RESTORE_FILTER_CONNECTION_CONTEXT_SIZE 40
 
 /* The named stream of a local file that holds one RestoreTagRecord and nothing else. The first
- * macro is the stream's name; the second follows the file's path when the stream is opened. */
+ * macro is the stream's name; append the second to the file's path to open the stream. */
 #define RESTORE_TAG_STREAM_NAME_A "restore_filter_tag"
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 

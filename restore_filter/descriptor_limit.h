@@ -4,8 +4,8 @@
 
 #include "platform/posix/descriptor.h"
 
-/// Raises the limit as far as it goes: a restoration takes three descriptors, at first four, so 340
-/// files would use up the usual soft limit.
+/// Raises the soft limit to the hard one: a restoration takes three descriptors, at first four, so
+/// 340 files would use up the usual soft limit.
 inline void raiseDescriptorLimit() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);

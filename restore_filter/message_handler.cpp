@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int mostReads = 64;  // a larger n is served as this many
+constexpr int mostReads = 64;  // a larger n counts as this
 // A start is refused unless this many descriptors are free for other uses.
 constexpr int reservedDescriptors = 14;
 

@@ -48,7 +48,7 @@ std::string port_server::attach(const char* path, std::string& why) {
   setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
       listen(listener.get(), SOMAXCONN) != 0) {
-    why = errno == EADDRINUSE ? "its volume has a restore filter already" : std::strerror(errno);
+    why = errno == EADDRINUSE ? "its volume already has a restore filter" : std::strerror(errno);
     return {};
   }
   ports.push_back({std::move(listener), mount->device});

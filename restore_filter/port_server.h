@@ -17,7 +17,7 @@ class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
 
-  /// Attaches to the volume that holds `path`, unless it is attached already: listens on its port.
+  /// Listens on the port of the volume that holds `path`, unless it already does.
   /// Returns the port's name; on failure an empty text, and the reason in `why`.
   std::string attach(const char* path, std::string& why);
 

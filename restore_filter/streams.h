@@ -16,8 +16,8 @@
 // on the way to the stream fails too.
 
 /// Reads the tag of the file that `local` is open on: `backingPath` becomes the path in it, in
-/// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK, or as an HRESULT
-/// ERROR_NOT_FOUND if the file has no tag or was deleted, and ERROR_INVALID_DATA if the tag is
+/// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK or, as an HRESULT,
+/// ERROR_NOT_FOUND if the file has no tag or was deleted, or ERROR_INVALID_DATA if the tag is
 /// incomplete or malformed.
 HRESULT readTagOf(const descriptor& local, std::string& backingPath);
 

@@ -286,12 +286,12 @@ class ControlUnderWine(story):
         self.assertEqual(self.control(missing, "back", program=CHECK),
                          (1, "zan_filter_check: %s: not a folder\n" % missing))
         for settings, ending in (
-                ({"FLTLIB_FIND": "801f0013"}, r"#   expected: an instance \(Windows lists instances only in an elevated console\)\nBail out! without that, nothing can be tried\n.*\n"),
+                ({"FLTLIB_FIND": "801f0013"}, r"#   expected: an instance \(Windows lists instances only in an elevated console\)\nBail out! nothing else can be tried\n.*\n"),
                 ({"FLTLIB_SEND": "80070057"}, r"#   ping of file1, 24 bytes: 0x80070057\n"
                  r"#   expected: 0x00000000\n(.*\n)*# \d+ statements: \d+ passed, \d+ failed, \d+ skipped\n")):
             status, output = self.control("--timeout", "1", "c:\\", "back", program=CHECK, **settings)
             self.assertEqual(status, 1, output[-500:])
-            self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# zan_filter_check \d+\.\d+\.\d+\n# the tags .*\n# Registration\n(.*\n)*" + ending + r"\Z")
+            self.assertRegex(output, r"\A(Find.*\n)*TAP version 13\n1\.\.\d+\n# zan_filter_check \d+\.\d+\.\d+\n# backing paths .*\n# Registration\n(.*\n)*" + ending + r"\Z")
 
 
 class WithRestoreFilter(story):
@@ -496,7 +496,7 @@ class WithPeer(story):
                 status, output = tool("--timeout", "1", "files", "back", program=[CHECK], stderr=subprocess.DEVNULL)
             self.assertEqual((status, output.splitlines()[-3:]), (
                 1, ["#   connect with a context of size 40: " + came, "#   expected: " + asked,
-                    "Bail out! without that, nothing can be tried"]))
+                    "Bail out! nothing else can be tried"]))
         for words, line in (
                 (("--timeout", "x", "files", "back"), "zan_filter_check [--timeout SECONDS] FOLDER BACKING_FOLDER [AS]"),
                 (("files", "nothing"), "zan_filter_check: %s/nothing: not a folder" % self.folder),
