@@ -8,7 +8,7 @@ $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
 $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
-# Out of files, memory, threads or other resources: the filter accepts more when other files are whole.
+# Out of files, memory, threads or other resources: it accepts more when other files are whole.
 $script:atItsLimit = '80070004', '80070008', '8007000e', '800705aa' | ForEach-Object { [Convert]::ToInt32($_, 16) }
 
 # The tool: in the module's folder or the one above, then on PATH.
@@ -56,7 +56,7 @@ function Invoke-Tool([string[]] $Words) {
         $hresult = 0
         if ($process.ExitCode -ne 0) {
             $hresult = $script:generalFailure
-            # The diagnosis' fourth line begins with the HRESULT, and the function follows.
+            # The diagnosis' fourth line begins with the HRESULT, then names the API.
             if ($text -match '(?m)^0x([0-9a-f]{1,8})\[') {
                 $hresult = [Convert]::ToInt32($Matches[1], 16)
             } elseif ($text -match '^(?:create|writing) .* failed: ([0-9a-f]{1,4})$') {
@@ -70,8 +70,8 @@ function Invoke-Tool([string[]] $Words) {
     }
 }
 
-# Returns the full path of a file, from the current location or a PSDrive. Wildcards are ordinary
-# characters.
+# Returns a file's full path; a relative one starts at the current location or is on a PSDrive.
+# Wildcards are ordinary characters.
 function Resolve-File([string] $Path, $Cmdlet) {
     if ($Path -match '[. ]$' -and $Path -notmatch '(^|[\\/])\.{1,2}$') {
         throw [ArgumentException]::new(
@@ -150,7 +150,7 @@ function Read-Progress([string] $File, $Cmdlet) {
     }
 }
 
-# Outputs a file whose restoration has begun, and returns true. Otherwise writes the failure.
+# Outputs a file whose restoration has begun, and returns true. Else writes an error: false.
 function Write-Start([string] $File, $Answer, $Cmdlet) {
     $isRunning = $Answer.Status -ne 0 -and $Answer.HResult -eq $script:alreadyRunning
     if ($isRunning) { Write-Verbose "${File}: is already being restored" }
@@ -182,7 +182,7 @@ function New-ZanRestore {
     Nothing checks that the file exists.
     .PARAMETER ConcurrentReads
     How many concurrent reads you want. The tag records this number, and that the entire file is to
-    be restored. With 0, the default, it records neither. A list can have it as a third column.
+    be restored. With 0, the default, it records neither. A list can have a column ConcurrentReads.
     The set-up starts nothing: Start-ZanRestore has its own ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
@@ -226,8 +226,9 @@ function Start-ZanRestore {
     .DESCRIPTION
     Like all functions that ask the filter, this needs an elevated console. It returns when the
     restoration has begun. Wait-ZanRestore waits for its end. A file that is already being restored
-    is returned. If the filter has reached its limit of open files, memory or other resources, the
-    function waits and starts the file when others that it has started are finished.
+    is returned too. If the filter has reached its limit of open files, memory or other resources,
+    the function tries again until the filter takes the file. If all files that the function has
+    started are whole, it writes an error instead.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
@@ -305,7 +306,7 @@ function Test-ZanRestore {
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .OUTPUTS
-    System.Boolean. -Verbose shows the tool's output, which says why it is false.
+    System.Boolean. -Verbose shows the tool's output, which says why if false.
     .EXAMPLE
     Get-ChildItem d:\vm\*.vhd | Where-Object { -not (Test-ZanRestore $_ -Verbose) }
     #>
