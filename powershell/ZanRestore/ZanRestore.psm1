@@ -150,7 +150,7 @@ function Read-Progress([string] $File, $Cmdlet) {
     }
 }
 
-# Outputs a file whose restoration has begun, and returns true. Else writes an error: false.
+# Outputs a file whose restoration has begun, and returns true. Else writes an error, returns false.
 function Write-Start([string] $File, $Answer, $Cmdlet) {
     $isRunning = $Answer.Status -ne 0 -and $Answer.HResult -eq $script:alreadyRunning
     if ($isRunning) { Write-Verbose "${File}: is already being restored" }
@@ -306,7 +306,7 @@ function Test-ZanRestore {
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .OUTPUTS
-    System.Boolean. -Verbose shows the tool's output, which says why if false.
+    System.Boolean. -Verbose shows the tool's output: if false, it says why.
     .EXAMPLE
     Get-ChildItem d:\vm\*.vhd | Where-Object { -not (Test-ZanRestore $_ -Verbose) }
     #>
