@@ -26,9 +26,3 @@ class backing_folders {
   };
   std::vector<folder> folders;
 };
-
-/// If the O_PATH descriptor `path` is a regular file, reopens it with the open(2) `flags`. Opens
-/// no pipe or device, whose opening can block or have side effects. Returns S_OK,
-/// ERROR_ACCESS_DENIED as an HRESULT for a folder, E_INVALIDARG for a pipe, a device and the like,
-/// or why the open failed.
-HRESULT openRegularFile(const descriptor& path, int flags, descriptor& file);

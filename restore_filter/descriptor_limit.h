@@ -4,6 +4,12 @@
 
 #include "platform/posix/descriptor.h"
 
+/// The most descriptors that handling one message opens, a start. Connections leave so many free.
+constexpr int descriptorsPerMessage = 7;
+/// A start leaves so many free, for itself and for one more message: when starts are refused, stops
+/// and queries are still answered.
+constexpr int descriptorsPerStart = 2 * descriptorsPerMessage;
+
 /// Raises the soft limit to the hard one: a restoration takes three descriptors, at first four, so
 /// 340 files would use up the usual soft limit.
 inline void raiseDescriptorLimit() {

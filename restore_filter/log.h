@@ -13,8 +13,5 @@ inline bool isLogging = false;
 void logLine(const std::string& what, const std::string& path, const std::string& end);
 
 /// Logs that `call` failed on a path or on an open file. Returns what errno says, as an HRESULT.
-HRESULT hostFailure(const char* call, const std::string& path);
-HRESULT hostFailure(const char* call, const descriptor& file);
-
-/// The path of an open file, as the kernel knows it; empty, with errno, if it can't be told.
-std::string pathOf(const descriptor& file);
+HRESULT loggedFailure(const char* call, const std::string& path);
+HRESULT loggedFailure(const char* call, const descriptor& file);

@@ -3,10 +3,11 @@
 
 #include <sys/signalfd.h>
 
-#include <cctype>
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <regex>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,28 +25,25 @@ constexpr const char* usageText =
     "restore_filter --help | --version\n"
     "\n"
     "A stand-in for the restore filter, for trials. Attaches to the volume of each DIR and serves\n"
-    "its port until SIGINT or SIGTERM. Serves only the user it runs as.\n"
+    "its port until SIGINT or SIGTERM. Serves only the user it runs as. A file belongs to its\n"
+    "restoration until it is whole: what a program writes into it before may be lost.\n"
     "--drive, --share: FOLDER stands for the drive or the share in the paths of backing files.\n"
     "--log prints to standard error each well-formed message, and unexpected failures of system\n"
     "calls on files.\n";
 
-int usage() {
-  std::cerr << usageText;
-  return 1;
-}
-
-// The NT prefix of "L" or "\\SERVER\SHARE"; empty if `name` is neither.
-std::string ntPrefix(std::string_view option, std::string_view name) {
-  if (option == "--drive") {
-    const bool isLetter =
-        name.size() == 1 && std::isalpha(static_cast<unsigned char>(name[0])) != 0;
-    return isLetter ? "\\??\\" + std::string(name) + ':' : "";
+// Makes a folder stand for a drive, "L=FOLDER", or for a share, "\\SERVER\SHARE=FOLDER".
+void add(backing_folders& folders, bool isDrive, const std::string& given) {
+  const std::size_t equals = given.find('=');
+  const std::string name = given.substr(0, equals);
+  const std::regex form(isDrive ? "[A-Za-z]" : R"(\\\\[^\\]+\\[^\\]+)");
+  if (equals == given.npos || !std::regex_match(name, form)) {
+    const char* const takes = isDrive ? "--drive takes L" : "--share takes \\\\SERVER\\SHARE";
+    throw std::runtime_error(std::string(takes) + "=FOLDER, not '" + given + "'");
   }
-  if (!name.starts_with("\\\\")) return "";
-  const std::size_t slash = name.find('\\', 2);
-  const bool isShare = slash != name.npos && slash > 2 && slash + 1 < name.size() &&
-                       name.find('\\', slash + 1) == name.npos;
-  return isShare ? "\\Device\\Mup" + std::string(name.substr(1)) : "";
+  const char* const folder = given.c_str() + equals + 1;
+  if (!folders.add(isDrive ? "\\??\\" + name + ':' : "\\Device\\Mup" + name.substr(1), folder)) {
+    throw std::runtime_error(std::string(folder) + ": " + std::strerror(errno));
+  }
 }
 
 // SIGINT and SIGTERM arrive by a descriptor. The threads never see them.
@@ -72,36 +70,22 @@ int main(int argc, char** argv) try {
     }
     if (word == "--log") {
       isLogging = true;
-      continue;
-    }
-    if (word != "--drive" && word != "--share") {
-      if (word.starts_with('-')) return usage();
+    } else if (word == "--drive" || word == "--share") {
+      add(folders, word == "--drive", ++i < argc ? argv[i] : "");
+    } else if (word.starts_with('-')) {
+      throw std::runtime_error("unknown option '" + std::string(word) + "': see --help");
+    } else {
       volumes.push_back(argv[i]);
-      continue;
-    }
-    const char* const equals = ++i == argc ? nullptr : std::strchr(argv[i], '=');
-    if (equals == nullptr) return usage();
-    const std::string_view name(argv[i], static_cast<std::size_t>(equals - argv[i]));
-    const std::string prefix = ntPrefix(word, name);
-    if (prefix.empty()) return usage();
-    if (!folders.add(prefix, equals + 1)) {
-      std::cerr << "restore_filter: " << equals + 1 << ": " << std::strerror(errno) << '\n';
-      return 1;
     }
   }
-  if (volumes.empty()) return usage();
+  if (volumes.empty()) throw std::runtime_error("no DIR is given: see --help");
 
   raiseDescriptorLimit();
   const descriptor stop = stopSignals();
   message_handler handler(folders);
   port_server server(handler);
   for (const char* volume : volumes) {
-    std::string why;
-    const std::string port = server.attach(volume, why);
-    if (port.empty()) {
-      std::cerr << "restore_filter: " << volume << ": " << why << '\n';
-      return 1;
-    }
+    const std::string port = server.attach(volume);
     std::cout << volume << ": " << port << std::endl;
   }
   server.serve(stop.get());

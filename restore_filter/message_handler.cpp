@@ -1,15 +1,12 @@
 #include "restore_filter/message_handler.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/file.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
-#include <system_error>
 
 #include "platform/posix/mount_table.h"
 #include "restore_filter/descriptor_limit.h"
@@ -17,9 +14,8 @@
 
 namespace {
 
-constexpr int mostReads = 64;  // a larger n counts as this
-// A start is refused unless this many descriptors are free for other uses.
-constexpr int reservedDescriptors = 14;
+constexpr int mostReads = 64;                 // a larger n counts as this
+constexpr std::size_t mostRemembered = 1000;  // restorations that have ended
 
 const HRESULT busy = HRESULT_FROM_WIN32(ERROR_BUSY);
 
@@ -29,15 +25,18 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   const std::string link = "/proc/" + std::to_string(sender) + "/fd/" + std::to_string(handle);
   path = descriptor(open(link.c_str(), O_PATH | O_CLOEXEC));
   if (path.isOpen()) return S_OK;
-  return errno == ENOENT ? E_INVALIDARG : hostFailure("open", link);
+  return errno == ENOENT ? E_INVALIDARG : loggedFailure("open", link);
+}
+
+// The progress of a file that is not whole: below the total. 0 of 0 would be taken for no answer.
+ProgressInfo unfinished(std::uint64_t restored, std::uint64_t total) {
+  return total == 0 ? ProgressInfo{1, 1} : ProgressInfo{std::min(restored, total - 1), total};
 }
 
 }  // namespace
 
 message_handler::~message_handler() {
-  for (const auto& each : jobs) {
-    if (each.second.work) each.second.work->stop();
-  }
+  for (const auto& each : jobs) each.second->stop();
 }
 
 HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message, std::size_t size,
@@ -63,132 +62,119 @@ HRESULT message_handler::handle(pid_t sender, dev_t device, const void* message,
 
 HRESULT message_handler::answer(const ControlMessage& message, pid_t sender, dev_t device,
                                 target& local, ProgressInfo& reply) {
-  const ControlRequest& request = message.request;
   HRESULT result = takeFile(sender, message.fileHandle, local.path);
   if (result == S_OK) result = openRegularFile(local.path, O_RDONLY, local.file);
   if (result != S_OK) return result;
   const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
   // A mount that is not in the table belongs to another mount name space, or is outside a chroot.
-  if (!volume && errno != ENOENT) return hostFailure("find the mount of", local.file);
+  if (!volume && errno != ENOENT) return loggedFailure("find the mount of", local.file);
   if (!volume || volume->device != device) return E_INVALIDARG;
-  if (request.operation == ControlOperation::Ping) return S_OK;
-
-  forgetEnded();
-  result = keyOf(local.file, local.key);
+  result = stampOf(local.file, local.stamp);
   if (result != S_OK) return result;
-  const bool isStop = request.operation == ControlOperation::StopAggressiveRestore;
-  const auto known = jobs.find(local.key);
-  if (isStop && known != jobs.end() && known->second.work) {  // its tag may be gone
-    known->second.work->stop();
-    return S_OK;
+  switch (message.request.operation) {
+    case ControlOperation::StartAggressiveRestore: return start(local, message.request.strategy);
+    case ControlOperation::StopAggressiveRestore: return stop(local);
+    case ControlOperation::QueryProgress: return queryProgress(local, reply);
+    default: return S_OK;  // a ping
   }
-  result = readTagOf(local.file, local.backingPath);
-  if (result == S_OK && isStop) jobs.erase(local.key);
-  if (result != S_OK || isStop) return result;
-  if (request.operation == ControlOperation::StartAggressiveRestore) {
-    return start(local, request.strategy);
-  }
-  return queryProgress(local, reply);
 }
 
-HRESULT message_handler::keyOf(const descriptor& file, file_key& key) {
-  struct statx status {};
-  if (statx(file.get(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
-    return hostFailure("statx", file);
-  }
-  key = {makedev(status.stx_dev_major, status.stx_dev_minor),
-         {status.stx_ino, static_cast<std::uint64_t>(status.stx_btime.tv_sec),
-          status.stx_btime.tv_nsec}};
-  return S_OK;
-}
-
-HRESULT message_handler::find(const target& local, state& found) const {
-  struct stat status {};
-  if (fstat(local.file.get(), &status) != 0) return hostFailure("fstat", local.file);
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  HRESULT result = S_OK;
-  if (size > 0) result = found.record.read(local.file);
-  // It has content of unknown origin.
-  if (result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
-  const std::uint64_t restored = found.record.restored();
-  found.progress = {restored, restored};
-  if (result != S_OK || found.record.isWhole()) return result;
-
-  descriptor backing;
-  result = backingFolders.openFile(local.backingPath, backing);
-  if (result == S_OK) result = keyOf(backing, found.backingKey);
+HRESULT message_handler::start(target& local, const RestoreStrategy& how) {
+  HRESULT result = readTag(local.file, local.backingPath);
   if (result != S_OK) return result;
-  if (found.backingKey == local.key) return E_INVALIDARG;  // it would be restored from itself
-  if (fstat(backing.get(), &status) != 0) return hostFailure("fstat", backing);
-  const auto total = static_cast<std::uint64_t>(status.st_size);
-  if (size < restored || total < size) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-  found.progress = {1, 1};  // for an empty file: 0 of 0 would be taken for no answer
-  if (total == 0) return S_OK;
-  found.progress = {std::min(restored, total - 1), total};
-  found.backing = std::move(backing);
-  return S_OK;
-}
-
-HRESULT message_handler::start(const target& local, const RestoreStrategy& how) {
   if (how.kind != RestoreStrategyKind::simple || how.concurrentReads < 1) return E_INVALIDARG;
   const int reads = std::min(how.concurrentReads, mostReads);
-  const job earlier = jobs.contains(local.key) ? jobs[local.key] : job{};
-  const bool isSamePath = earlier.backingPath == local.backingPath;
-  if (earlier.work && (earlier.work->isRunning() || !isSamePath)) return busy;
+  std::shared_ptr<restoration> work = restorationOf(local);
+  if (work && !work->hasEnded()) {
+    if (work->isRunning()) return busy;
+    result = openBacking(local);
+    const bool isSame = result == S_OK && work->isPassOver(local.backingPath, local.backingStamp);
+    if (isSame && work->wake(reads)) return S_OK;
+    if (!work->hasEnded()) return busy;  // it still works for an earlier tag or backing file
+  }
+  closeEnded();  // one that has just ended still holds its lock
 
-  state found{progress_record(local.key.second, local.backingPath)};
-  HRESULT result = find(local, found);
+  progress_record record(local.stamp.identity, local.backingPath);
+  result = record.read(local.file, local.stamp.size);
+  if (result != S_OK || record.isWhole()) return result;
+  result = openBacking(local);
   if (result != S_OK) return result;
-  const bool isWhole = !found.backing.isOpen();
-  if (earlier.work) {  // stopped, but its last sync may be under way
-    const bool isSame = isWhole || earlier.backingKey == found.backingKey;
-    if (isSame && earlier.work->wake(reads)) return S_OK;
-    if (!earlier.work->hasEnded()) return busy;
-    jobs.erase(local.key);
-    return start(local, how);  // it ended a moment ago: its record has changed
-  }
-  if (isWhole) {
-    jobs.erase(local.key);
-    return S_OK;
-  }
-  if (!leavesFree(found.backing, reservedDescriptors)) {
+  if (!leavesFree(local.backing, descriptorsPerStart)) {
     return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
   }
   descriptor writable;
   result = openRegularFile(local.path, O_RDWR, writable);
-  if (result == S_OK) result = found.record.open(writable);
   if (result != S_OK) return result;
-  auto work = std::make_shared<restoration>(std::move(writable), std::move(found.backing),
-                                            std::move(found.record));
-  jobs[local.key] = {work, local.backingPath, found.backingKey, S_OK};
-  try {
-    work->start(reads);
-  } catch (const std::system_error&) {  // no more threads
-    jobs.erase(local.key);
-    return E_OUTOFMEMORY;
+  // Another stand-in, in another network name space, may restore the file.
+  if (flock(writable.get(), LOCK_EX | LOCK_NB) != 0) {
+    return errno == EWOULDBLOCK ? busy : loggedFailure("flock", writable);
   }
-  return S_OK;
+  result = record.open(writable);
+  if (result != S_OK) return result;
+  if (!work || !work->canContinue(local.backingPath, local.backingStamp, local.stamp.size)) {
+    work = std::make_shared<restoration>(local.backingPath, local.backingStamp);
+  }
+  jobs.insert_or_assign(local.stamp.key(), work);
+  return work->start({std::move(writable), std::move(local.backing), std::move(record)}, reads);
 }
 
-HRESULT message_handler::queryProgress(const target& local, ProgressInfo& progress) const {
-  const auto known = jobs.find(local.key);
-  if (known != jobs.end()) {
-    const job& its = known->second;
-    return its.work ? its.work->progress(progress) : its.failed;
+HRESULT message_handler::stop(target& local) {
+  const std::shared_ptr<restoration> work = restorationOf(local);
+  if (work && !work->hasEnded()) {  // its tag may be gone
+    work->stop();
+    return S_OK;
   }
-  state found{progress_record(local.key.second, local.backingPath)};
-  const HRESULT result = find(local, found);
-  progress = found.progress;
+  const HRESULT result = readTag(local.file, local.backingPath);
+  if (result == S_OK && work && work->failure() != S_OK) jobs.erase(local.stamp.key());
   return result;
 }
 
-void message_handler::forgetEnded() noexcept {
-  for (auto each = jobs.begin(); each != jobs.end();) {
-    job& known = each->second;
-    if (known.work && known.work->hasEnded()) {
-      known.failed = known.work->failure();
-      known.work.reset();
-    }
-    each = known.work || known.failed != S_OK ? std::next(each) : jobs.erase(each);
+HRESULT message_handler::queryProgress(target& local, ProgressInfo& progress) const {
+  HRESULT result = readTag(local.file, local.backingPath);
+  if (result != S_OK) return result;
+  const std::shared_ptr<restoration> work = restorationOf(local);
+  if (work && !work->hasEnded()) {
+    progress = unfinished(work->restored(), work->total());
+    return S_OK;
   }
+  if (work && work->failure() != S_OK) return work->failure();
+  progress_record record(local.stamp.identity, local.backingPath);
+  result = record.read(local.file, local.stamp.size);
+  if (result == S_OK && !record.isWhole()) result = openBacking(local);
+  const bool isStopped =
+      work && work->canContinue(local.backingPath, local.backingStamp, local.stamp.size);
+  progress = unfinished(isStopped ? work->restored() : 0, local.backingStamp.size);
+  if (record.isWhole()) progress.progress = progress.total = std::max(record.length(), 1UL);
+  return result;
+}
+
+HRESULT message_handler::openBacking(target& local) const {
+  HRESULT result = backingFolders.openFile(local.backingPath, local.backing);
+  if (result == S_OK) result = stampOf(local.backing, local.backingStamp);
+  if (result != S_OK) return result;
+  if (local.backingStamp.key() == local.stamp.key()) return E_INVALIDARG;
+  std::string pathInTag;
+  result = readTag(local.backing, pathInTag);
+  if (result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) return S_OK;
+  if (result != S_OK) return result;
+  // It is restored itself, and must be whole.
+  progress_record record(local.backingStamp.identity, pathInTag);
+  result = record.read(local.backing, local.backingStamp.size);
+  const bool isPartial = result == S_OK && !record.isWhole();
+  return isPartial || result == HRESULT_FROM_WIN32(ERROR_FILE_EXISTS) ? busy : result;
+}
+
+std::shared_ptr<restoration> message_handler::restorationOf(const target& local) const {
+  const auto known = jobs.find(local.stamp.key());
+  return known == jobs.end() ? nullptr : known->second;
+}
+
+void message_handler::closeEnded() {
+  std::size_t ended = 0;
+  std::erase_if(jobs, [&](const auto& each) {
+    restoration& work = *each.second;
+    if (!work.hasEnded()) return false;
+    work.close();
+    return work.isWhole() || ++ended > mostRemembered;
+  });
 }

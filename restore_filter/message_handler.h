@@ -11,6 +11,7 @@
 
 #include "platform/posix/descriptor.h"
 #include "restore_filter/backing_folders.h"
+#include "restore_filter/host_files.h"
 #include "restore_filter/restoration.h"
 #include "restore_filter/streams.h"
 #include "zan_restore_filter.h"
@@ -30,40 +31,29 @@ class message_handler {
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Closes the files of the restorations that have ended. Keeps the reason of a failure.
-  void forgetEnded() noexcept;
+  /// Closes the files of the restorations that have ended. Remembers where 1,000 of them were
+  /// stopped, or why they failed.
+  void closeEnded();
 
  private:
-  using file_key = std::pair<dev_t, file_identity>;
-  // The file of a message.
+  // The file of a message, and its backing file.
   struct target {
     descriptor path;  // O_PATH
     descriptor file;  // open for reading
-    file_key key;
-    std::string backingPath;  // of its tag
-  };
-  // The state of a file while no restoration of it runs.
-  struct state {
-    progress_record record;
-    descriptor backing = descriptor();  // closed if the file is whole
-    file_key backingKey = {};
-    ProgressInfo progress = {};
-  };
-  // A restoration, and what it was started with; or why one failed.
-  struct job {
-    std::shared_ptr<restoration> work;  // null when it has ended
-    std::string backingPath;
-    file_key backingKey;
-    HRESULT failed;
+    file_stamp stamp;
+    std::string backingPath;  // in its tag
+    descriptor backing;
+    file_stamp backingStamp;
   };
 
   HRESULT answer(const ControlMessage& message, pid_t sender, dev_t device, target& local,
                  ProgressInfo& reply);
-  static HRESULT keyOf(const descriptor& file, file_key& key);
-  HRESULT find(const target& local, state& found) const;
-  HRESULT start(const target& local, const RestoreStrategy& how);
-  HRESULT queryProgress(const target& local, ProgressInfo& progress) const;
+  HRESULT start(target& local, const RestoreStrategy& how);
+  HRESULT stop(target& local);
+  HRESULT queryProgress(target& local, ProgressInfo& progress) const;
+  HRESULT openBacking(target& local) const;
+  std::shared_ptr<restoration> restorationOf(const target& local) const;
 
   const backing_folders& backingFolders;
-  std::map<file_key, job> jobs;  // by local file
+  std::map<std::pair<dev_t, file_identity>, std::shared_ptr<restoration>> jobs;  // by local file
 };

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <stdexcept>
 
 #include "platform/posix/abstract_socket.h"
 #include "platform/posix/mount_table.h"
@@ -19,24 +20,29 @@ namespace {
 
 // When there are this many, an old one is dropped. A connection of the tool lasts for one message.
 constexpr std::size_t mostConnections = 200;
-// Descriptors that connections leave free for the handling of a message.
-constexpr int reservedDescriptors = 8;
 constexpr int idleMilliseconds = 1000;
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 
 void waitForResources() { usleep(10000); }  // somebody may free some meanwhile
 
+// Answers another user's context, sent or not. A context left unread would hide the answer.
+void refuse(const descriptor& socket) {
+  const HRESULT denied = HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  char context[RESTORE_FILTER_CONNECTION_CONTEXT_SIZE];
+  shutdown(socket.get(), SHUT_RD);
+  recv(socket.get(), context, sizeof(context), 0);
+  send(socket.get(), &denied, sizeof(denied), MSG_NOSIGNAL);
+}
+
 }  // namespace
 
-std::string port_server::attach(const char* path, std::string& why) {
-  const auto mount = findMountOf(path);
-  if (!mount) {
-    // The path exists, but its mount is not listed, as in a chroot.
-    why = errno == ENOENT && access(path, F_OK) == 0 ? "its mount is not in /proc/self/mountinfo"
-                                                     : std::strerror(errno);
-    return {};
-  }
+std::string port_server::attach(const std::string& path) {
+  const auto fail = [&](const char* why) { throw std::runtime_error(path + ": " + why); };
+  const auto mount = findMountOf(path.c_str());
+  // The path exists, but its mount is not listed, as in a chroot.
+  const bool isHidden = !mount && errno == ENOENT && access(path.c_str(), F_OK) == 0;
+  if (!mount) fail(isHidden ? "its mount is not in /proc/self/mountinfo" : std::strerror(errno));
   std::string name = RESTORE_FILTER_PORT_PREFIX_A + volumeIdOf(mount->device);
   for (const port& each : ports) {
     if (each.device == mount->device) return name;
@@ -48,8 +54,7 @@ std::string port_server::attach(const char* path, std::string& why) {
   setsockopt(listener.get(), SOL_SOCKET, passRights, &no, sizeof(no));
   if (bind(listener.get(), address.get(), address.size()) != 0 ||
       listen(listener.get(), SOMAXCONN) != 0) {
-    why = errno == EADDRINUSE ? "its volume already has a restore filter" : std::strerror(errno);
-    return {};
+    fail(errno == EADDRINUSE ? "its volume already has a restore filter" : std::strerror(errno));
   }
   ports.push_back({std::move(listener), mount->device});
   return name;
@@ -62,7 +67,6 @@ void port_server::serve(int stop) {
     for (const port& each : ports) waiting.push_back(readable(each.listener.get()));
     for (const connection& each : connections) waiting.push_back(readable(each.socket.get()));
     if (poll(waiting.data(), waiting.size(), idleMilliseconds) < 0) {
-      waiting.resize(1);
       if (poll(waiting.data(), 1, 0) > 0) return;
       waitForResources();
       continue;
@@ -77,37 +81,26 @@ void port_server::serve(int stop) {
     for (std::size_t i = 0; i < ports.size(); ++i) {
       if (waiting[1 + i].revents != 0) accept(ports[i]);
     }
-    handler.forgetEnded();
+    handler.closeEnded();
   }
-}
-
-// Drops the oldest connection of another user, else the oldest; without any, only waits.
-void port_server::dropConnection() {
-  if (connections.empty()) return waitForResources();
-  const auto stranger = std::find_if(connections.begin(), connections.end(),
-                                     [](const connection& each) { return !each.isTrusted; });
-  connections.erase(stranger == connections.end() ? connections.begin() : stranger);
 }
 
 void port_server::accept(const port& from) {
   descriptor socket(accept4(from.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   ucred peer{};
   socklen_t size = sizeof(peer);
-  if (!socket.isOpen()) {
-    if (errno == EMFILE || errno == ENFILE) dropConnection();
-    return;
-  }
+  if (!socket.isOpen()) return waitForResources();
   if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
+  if (peer.uid != geteuid()) return refuse(socket);
   const bool isFull =
-      connections.size() >= mostConnections || !leavesFree(socket, reservedDescriptors);
+      connections.size() >= mostConnections || !leavesFree(socket, descriptorsPerMessage);
   if (isFull && !connections.empty()) {
-    dropConnection();
+    connections.erase(connections.begin());  // the oldest
     // Give the socket the freed number, so that the highest numbers remain free.
     socket = descriptor(fcntl(socket.get(), F_DUPFD_CLOEXEC, 0));
     if (!socket.isOpen()) return;
   }
-  const bool isTrusted = peer.uid == geteuid();
-  connections.push_back({std::move(socket), from.device, peer.pid, isTrusted, false});
+  connections.push_back({std::move(socket), from.device, peer.pid, false});
 }
 
 // Receives one packet and answers it. False if the connection is over: it failed, its context was
@@ -131,7 +124,6 @@ bool port_server::receive(connection& from, bool isHungUp) {
 // The first packet is the context, every other one the output buffer's size and a message.
 HRESULT port_server::answer(connection& from, const void* packet, std::size_t size,
                             ProgressInfo& reply, std::size_t& replySize) try {
-  if (!from.isTrusted) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   if (!from.isOpen) {
     from.isOpen = size == RESTORE_FILTER_CONNECTION_CONTEXT_SIZE;
     return from.isOpen ? S_OK : E_INVALIDARG;

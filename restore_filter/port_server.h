@@ -17,9 +17,9 @@ class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}
 
-  /// Listens on the port of the volume that holds `path`, unless it already does.
-  /// Returns the port's name; on failure an empty text, and the reason in `why`.
-  std::string attach(const char* path, std::string& why);
+  /// Listens on the port of the volume that holds `path`, unless it already does. Returns the
+  /// port's name. Throws std::runtime_error that names `path`.
+  std::string attach(const std::string& path);
 
   /// Serves until the descriptor `stop` becomes readable.
   void serve(int stop);
@@ -33,11 +33,9 @@ class port_server {
     descriptor socket;
     dev_t device;
     pid_t sender;
-    bool isTrusted;
     bool isOpen;  // the context has been accepted
   };
 
-  void dropConnection();
   void accept(const port& from);
   bool receive(connection& from, bool isHungUp);
   HRESULT answer(connection& from, const void* packet, std::size_t size, ProgressInfo& reply,

@@ -6,19 +6,17 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
+#include <deque>
 #include <future>
 #include <semaphore>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "restore_filter/log.h"
 
 namespace {
 
-constexpr std::uint64_t chunkSize = 512 * 1024;              // bytes of one read
-constexpr std::uint64_t saveInterval = 64ULL * 1024 * 1024;  // bytes
+const HRESULT changed = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // by somebody else
+constexpr std::uint64_t chunkSize = 512 * 1024;                  // bytes of one read
 
 // Each restoration has one read of its own and takes more from this pool. All buffers of the pool
 // together take 64 MiB. Each file takes 1 MiB more: one chunk is read while another is written.
@@ -32,163 +30,121 @@ struct read_share {
 };
 
 struct chunk {
+  std::uint64_t offset;
   std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(chunkSize);
-  std::uint64_t offset = 0;
-  std::size_t size = 0;
-  std::future<HRESULT> read;  // last, because its destructor waits for the read into `bytes`
+  ssize_t size = 0;
+  HRESULT result = S_OK;
 };
 
-HRESULT sizeOf(const descriptor& file, std::uint64_t& size) {
-  struct stat status {};
-  if (fstat(file.get(), &status) != 0) return hostFailure("fstat", file);
-  size = static_cast<std::uint64_t>(status.st_size);
-  return S_OK;
-}
-
-HRESULT readWhole(const descriptor& file, const chunk& into) {
-  for (std::size_t done = 0; done < into.size;) {
-    const ssize_t count = pread(file.get(), into.bytes.get() + done, into.size - done,
-                                static_cast<off_t>(into.offset + done));
-    if (count < 0) return hostFailure("pread", file);
-    if (count == 0) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // it has become shorter
-    done += static_cast<std::size_t>(count);
-  }
-  return S_OK;
+// Reads `size` bytes, or fewer if the system wants it so.
+chunk readChunk(const descriptor& file, std::uint64_t offset, std::size_t size) {
+  chunk read{offset};
+  read.size = pread(file.get(), read.bytes.get(), size, static_cast<off_t>(offset));
+  if (read.size < 0) read.result = loggedFailure("pread", file);
+  if (read.size == 0) read.result = changed;  // it has become shorter
+  return read;
 }
 
 }  // namespace
 
-restoration::restoration(descriptor localFile, descriptor backingFile, progress_record itsRecord)
-    : local(std::move(localFile)),
-      backing(std::move(backingFile)),
-      record(std::move(itsRecord)),
-      position(record.restored()) {}
-
-void restoration::start(int n) {
+HRESULT restoration::start(restoration_files with, int n) {
+  files = std::move(with);
   reads = n;
-  std::thread([self = shared_from_this()] { self->run(); }).detach();
+  now = state::running;
+  try {
+    std::thread([self = shared_from_this()] { self->run(); }).detach();
+    return S_OK;
+  } catch (const std::exception&) {
+    now = state::ended;
+    return E_OUTOFMEMORY;
+  }
 }
 
 void restoration::stop() {
-  state expected = state::running;
-  now.compare_exchange_strong(expected, state::stopped);
+  change(state::running, state::stopped);
   const std::lock_guard lock(writing);  // waits for a write that is under way
 }
 
 bool restoration::wake(int n) {
   reads = n;
-  state expected = state::stopped;
-  return now.compare_exchange_strong(expected, state::running);
+  return change(state::stopped, state::running);
 }
 
-HRESULT restoration::progress(ProgressInfo& info) const {
-  const HRESULT result = sizeOf(backing, info.total);
-  info.progress = position;
-  if (result == S_OK && info.progress > info.total) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-  info.progress = std::min(info.progress, std::max<std::uint64_t>(info.total, 1) - 1);
-  return result;
-}
-
-// A start after a stop may come at any time. The thread then continues. It ends only if it finds
-// the state `stopped` and changes it to `ended`.
+// A start after a stop may come at any time before the end. The thread then continues.
 void restoration::run() {
-  state expected{};
-  do {
-    try {
-      failed = restore();
-    } catch (const std::exception&) {
-      failed = E_OUTOFMEMORY;
-    }
-    if (failed != S_OK || record.isWhole()) now = state::stopped;
-    expected = state::stopped;
-  } while (!now.compare_exchange_strong(expected, state::ended));
+  for (;;) {
+    failed = restore();
+    if (failed != S_OK || isWhole()) now = state::ended;
+    if (hasEnded() || change(state::stopped, state::ended)) return;
+  }
 }
 
 // Restores until the file is whole, something fails, or it is stopped.
-HRESULT restoration::restore() {
-  if (record.isWhole()) return S_OK;
-  HRESULT result = save(false);  // before the first byte is written
-  // After a failed sync the cache may hold bytes that it will never write to the disk: drop them.
-  posix_fadvise(local.get(), 0, 0, POSIX_FADV_DONTNEED);
-  std::uint64_t end = UINT64_MAX;
-  while (result == S_OK && position != end && isRunning()) {
-    result = fill();
-    // The backing file may have grown.
-    if (result == S_OK) result = sizeOf(backing, end);
-  }
-  const HRESULT saved = save(result == S_OK && position == end);
-  return result != S_OK ? result : saved;
+HRESULT restoration::restore() try {
+  HRESULT result = position == 0 ? files->record.saveBegun() : S_OK;
+  if (result == S_OK && position == 0) result = write(nullptr, 0);  // drops an earlier pass's bytes
+  while (result == S_OK && position < total() && isRunning()) result = fill();
+  // After a failed sync nobody knows which bytes were lost. So even a stopped pass syncs.
+  if (result == S_OK) result = syncData(files->local);
+  if (result != S_OK || position < total()) return result;
+  file_stamp local, backing;
+  result = stampOf(files->local, local);
+  if (result == S_OK) result = stampOf(files->backing, backing);
+  if (result != S_OK) return result;
+  if (local.size != position || backing != backingStamp) return changed;
+  return files->record.saveWhole(position);
+} catch (const std::exception&) {
+  return E_OUTOFMEMORY;
 }
 
-// Restores up to the present end of the backing file.
+// Reads and writes until the end, a stop, or a start with another n.
 HRESULT restoration::fill() {
-  std::uint64_t next = position;
-  std::uint64_t end = 0;
-  HRESULT result = sizeOf(backing, end);
-  if (result == S_OK && end < next) result = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   const int wanted = reads;
   const read_share share(wanted);
-  // One is written while the others are read.
-  std::vector<chunk> chunks(static_cast<std::size_t>(share.count + 1));
-  std::size_t begun = 0;
-  const auto readNext = [&] {
-    chunk& each = chunks[begun++ % chunks.size()];
-    each.offset = next;
-    each.size = std::min(chunkSize, end - next);
-    next += each.size;
-    // Reads in a new thread. If none can be started, reads in this one when get() is called.
-    each.read = std::async([this, &each] { return readWhole(backing, each); });
-  };
-  while (result == S_OK && next < end && begun + 1 < chunks.size()) readNext();
-  for (std::size_t i = 0; result == S_OK && position < end && isRunning(); ++i) {
-    chunk& each = chunks[i % chunks.size()];
-    if (each.offset != position || reads != wanted) break;  // stopped and started again
-    result = each.read.get();
-    if (next < end) readNext();
-    if (result == S_OK) result = write(each.bytes.get(), each.size);
-    // Sends the chunk to the disk while the next one is read: a sync then has little to wait for.
-    sync_file_range(local.get(), static_cast<off_t>(each.offset), static_cast<off_t>(each.size),
-                    SYNC_FILE_RANGE_WRITE);
-    if (result == S_OK && position - record.restored() >= saveInterval) result = save(false);
-  }
-  return result;
-}
-
-// Writes at the position unless stopped. A chunk of zeros at the file's end is not written: the
-// file only becomes longer, by a hole.
-HRESULT restoration::write(const char* bytes, std::size_t size) {
-  const std::lock_guard lock(writing);
-  if (!isRunning()) return S_OK;
-  struct stat status {};
-  if (fstat(local.get(), &status) != 0) return hostFailure("fstat", local);
-  if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-  const auto offset = static_cast<off_t>(position);
-  const auto end = offset + static_cast<off_t>(size);
-  if (status.st_size < offset) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // somebody cut it
-  const bool isZeros = bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
-  if (status.st_size == offset && isZeros) {
-    if (ftruncate(local.get(), end) != 0) return hostFailure("ftruncate", local);
-  } else {
-    for (off_t at = offset; at < end;) {
-      const ssize_t count =
-          pwrite(local.get(), bytes + (at - offset), static_cast<std::size_t>(end - at), at);
-      if (count <= 0) return hostFailure("pwrite", local);
-      at += count;
+  std::uint64_t next = position;
+  std::deque<std::future<chunk>> begun;
+  const auto readAhead = [&] {
+    while (next < total() && std::ssize(begun) < share.count) {
+      const std::size_t size = std::min(chunkSize, total() - next);
+      // Reads in a new thread. If none can be started, reads in this one when get() is called.
+      begun.push_back(std::async([=, this] { return readChunk(files->backing, next, size); }));
+      next += size;
     }
+  };
+  readAhead();
+  while (!begun.empty() && isRunning() && reads == wanted) {
+    const chunk read = begun.front().get();
+    begun.pop_front();
+    readAhead();                         // while this one is written
+    if (read.offset != position) break;  // one before it was not written, or not all of it
+    const HRESULT result = read.result == S_OK ? write(read.bytes.get(), read.size) : read.result;
+    if (result != S_OK) return result;
+    // Sends the chunk to the disk already: a sync then has little to wait for.
+    sync_file_range(files->local.get(), static_cast<off_t>(read.offset), read.size,
+                    SYNC_FILE_RANGE_WRITE);
   }
-  position = static_cast<std::uint64_t>(end);
   return S_OK;
 }
 
-// Syncs what is written, and then says so in the record. After a failed sync nobody knows which
-// bytes were lost: the next start continues from the record.
-HRESULT restoration::save(bool isWhole) {
-  std::uint64_t size = 0;
-  HRESULT result = fdatasync(local.get()) == 0 ? S_OK : hostFailure("fdatasync", local);
-  if (result == S_OK) result = sizeOf(local, size);
-  const bool isChanged = isWhole && size != position;  // by somebody else
-  if (result == S_OK && isChanged) result = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
-  if (result == S_OK) result = record.save(position, isWhole);
-  if (result != S_OK) position = record.restored();
-  return result;
+// Writes at the position unless stopped, perhaps not all; no bytes cut the file there. A chunk of
+// zeros at the file's end is not written: the file only becomes longer, by a hole.
+HRESULT restoration::write(const char* bytes, ssize_t size) {
+  const std::lock_guard lock(writing);
+  if (!isRunning()) return S_OK;
+  const int local = files->local.get();
+  const auto offset = static_cast<off_t>(position);
+  struct stat status {};
+  if (fstat(local, &status) != 0) return loggedFailure("fstat", files->local);
+  if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+  if (status.st_size < offset) return changed;
+  const auto length = static_cast<std::size_t>(size);
+  if (size == 0 || (status.st_size == offset && bytes[0] == 0 &&
+                    std::memcmp(bytes, bytes + 1, length - 1) == 0)) {
+    if (ftruncate(local, offset + size) != 0) return loggedFailure("ftruncate", files->local);
+  } else {
+    size = pwrite(local, bytes, length, offset);
+    if (size < 0) return loggedFailure("pwrite", files->local);
+  }
+  position += static_cast<std::uint64_t>(size);
+  return S_OK;
 }

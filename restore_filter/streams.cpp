@@ -3,13 +3,11 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
 #include "platform/posix/utf16.h"
 #include "restore_filter/log.h"
@@ -23,53 +21,66 @@ const HRESULT malformed = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
+bool isSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 // Opens the stream `name` of a file with the open(2) `flags`. With O_EXCL, one that exists is
 // removed first.
 HRESULT openStream(const descriptor& local, const char* name, int flags, descriptor& stream) {
   struct stat file {};
-  if (fstat(local.get(), &file) != 0) return hostFailure("fstat", local);
-  if (file.st_nlink == 0) return none;
-  const std::string path = pathOf(local) + ':' + name;
-  const std::size_t nameAt = path.rfind('/') + 1;
-
-  open_how how{};
-  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_NO_SYMLINKS;  // a stranger may have put one in place of a folder
-  const descriptor folder(static_cast<int>(
-      syscall(SYS_openat2, AT_FDCWD, path.substr(0, nameAt).c_str(), &how, sizeof(how))));
-  if (!folder.isOpen()) return hostFailure("openat2", path);
-  const char* const streamName = path.c_str() + nameAt;
-  if ((flags & O_EXCL) != 0) unlinkat(folder.get(), streamName, 0);
-  stream = descriptor(
-      openat(folder.get(), streamName, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
-  if (!stream.isOpen()) return errno == ENOENT ? none : hostFailure("openat", path);
   struct stat found {};
-  if (fstat(stream.get(), &found) != 0) return hostFailure("fstat", path);
+  if (fstat(local.get(), &file) != 0) return loggedFailure("fstat", local);
+  if (file.st_nlink == 0) return none;
+  const std::string path = pathOf(local);
+  const std::size_t nameAt = path.rfind('/') + 1;
+  const std::string fileName = path.substr(nameAt);
+  const std::string streamName = fileName + ':' + name;
+  // A stranger may have put a symbolic link in place of a folder.
+  const descriptor folder =
+      openPath(AT_FDCWD, path.substr(0, nameAt), O_DIRECTORY, RESOLVE_NO_SYMLINKS);
+  if (!folder.isOpen()) return errno == ENOENT ? none : loggedFailure("openat2", path);
+  // The kernel's path may be outdated, or lead elsewhere: to another mount.
+  if (fstatat(folder.get(), fileName.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? none : loggedFailure("fstatat", path);
+  }
+  if (!isSameFile(found, file)) return none;
+
+  if ((flags & O_EXCL) != 0) unlinkat(folder.get(), streamName.c_str(), 0);
+  stream = descriptor(
+      openat(folder.get(), streamName.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
+  // There is no stream whose name is impossible: too long, or with a colon.
+  const bool isAbsent = errno == ENOENT || errno == ENAMETOOLONG || errno == EINVAL;
+  if (!stream.isOpen() && isAbsent && (flags & O_CREAT) == 0) return none;
+  if (!stream.isOpen()) return loggedFailure("openat", path + ':' + name);
+  if (fstat(stream.get(), &found) != 0) return loggedFailure("fstat", stream);
   const bool isTrusted = isOurs(file) && isOurs(found) && S_ISREG(found.st_mode) &&
                          found.st_nlink == 1 && (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  return isTrusted ? S_OK : HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  if (!isTrusted) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+  if (isSameFile(found, file)) return S_OK;  // a real named stream
+  file_stamp stamp;
+  const HRESULT result = stampOf(local, stamp);
+  const bool hasBirth = stamp.identity[1] != 0 || stamp.identity[2] != 0;
+  return result != S_OK || hasBirth ? result : HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
 }
 
 // Reads at most `size` + 1 bytes. If `content` is longer than `size`, the stream is too long.
-HRESULT readStream(const descriptor& local, const char* name, std::size_t size,
-                   std::string& content) {
-  descriptor stream;
-  const HRESULT opened = openStream(local, name, O_RDONLY, stream);
-  if (opened != S_OK) return opened;
+HRESULT readFrom(const descriptor& stream, std::size_t size, std::string& content) {
   content.resize(size + 1);
   const ssize_t count = read(stream.get(), content.data(), content.size());
-  if (count < 0) return hostFailure("read", stream);
-  content.resize(static_cast<std::size_t>(count));
-  return S_OK;
+  content.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+  return count < 0 ? loggedFailure("read", stream) : S_OK;
 }
 
 }  // namespace
 
-HRESULT readTagOf(const descriptor& local, std::string& backingPath) {
+HRESULT readTag(const descriptor& local, std::string& backingPath) {
   static const std::uint8_t guid[] = RESTORE_TAG_GUID;
   RestoreTagRecord record;
   std::string bytes;
-  const HRESULT result = readStream(local, RESTORE_TAG_STREAM_NAME_A, sizeof(record), bytes);
+  descriptor stream;
+  HRESULT result = openStream(local, RESTORE_TAG_STREAM_NAME_A, O_RDONLY, stream);
+  if (result == S_OK) result = readFrom(stream, sizeof(record), bytes);
   if (result != S_OK) return result;
   if (bytes.size() != sizeof(record)) return malformed;
   std::memcpy(&record, bytes.data(), sizeof(record));
@@ -86,48 +97,61 @@ HRESULT readTagOf(const descriptor& local, std::string& backingPath) {
   return S_OK;
 }
 
-HRESULT progress_record::read(const descriptor& local) {
-  layout found;
-  std::string bytes;
-  const HRESULT result = readStream(local, recordName, sizeof(found) + backingPath.size(), bytes);
-  if (result != S_OK) return result;
-  if (bytes.size() < sizeof(found)) return none;
-  std::memcpy(&found, bytes.data(), sizeof(found));
-  const bool isOfThis = found.local == content.local && found.isWhole <= 1 &&
-                        std::string_view(bytes).substr(sizeof(found)) == backingPath;
-  if (!isOfThis) return none;
-  content = found;
-  return S_OK;
+HRESULT progress_record::read(const descriptor& local, std::uint64_t size) {
+  descriptor opened;
+  HRESULT result = openStream(local, recordName, O_RDONLY, opened);
+  if (result == S_OK) result = readFrom(opened, sizeof(content) + backingPath.size(), found);
+  if (result != S_OK && result != none) return result;
+  layout header{};
+  std::memcpy(&header, found.data(), std::min(sizeof(header), found.size()));
+  const bool isRecord = header.mark == mark;
+  const bool fits =
+      header.isWhole <= 1 && found == bytesOf({mark, content.local, header.isWhole, header.length});
+  // An empty stream is that of a restoration which was killed before it began.
+  if ((!found.empty() && !isRecord) || (size > 0 && !fits)) {
+    return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+  }
+  isStale = isRecord && !fits;
+  if (!fits) return S_OK;
+  content = header;
+  // The process that saved it may have been killed before it synced it.
+  return isWhole() ? syncData(opened) : S_OK;
 }
 
 HRESULT progress_record::open(const descriptor& local) {
   HRESULT result = openStream(local, RESTORE_TAG_STREAM_NAME_A, O_RDONLY, tag);
-  if (result != S_OK) return result;
-  result = openStream(local, recordName, O_RDWR, stream);
-  const bool isOld = result == S_OK && content.restored == 0;
-  if (result != none && !isOld) return result;
   // Replaces an old one: the restoration of an earlier file of this name may still write into it.
-  stream = descriptor();  // on NTFS, an open stream cannot be removed
-  return openStream(local, recordName, O_RDWR | O_CREAT | O_EXCL, stream);
-}
-
-bool progress_record::write(const layout& next) const {
-  std::string bytes(reinterpret_cast<const char*>(&next), sizeof(next));
-  bytes += backingPath;
-  errno = ENOSPC;  // for a short write
-  const ssize_t written = pwrite(stream.get(), bytes.data(), bytes.size(), 0);
-  return written == std::ssize(bytes) && ftruncate(stream.get(), written) == 0;
-}
-
-HRESULT progress_record::save(std::uint64_t restored, bool isWhole) {
-  const layout next{content.local, isWhole ? 1U : 0U, restored};
-  const bool isTagSynced = !tag.isOpen() || fdatasync(tag.get()) == 0;
-  if (isTagSynced && write(next) && fdatasync(stream.get()) == 0) {
-    tag = descriptor();
-    content = next;
-    return S_OK;
-  }
-  const HRESULT result = hostFailure("write and sync", stream);
-  write(content);
+  const int flags = O_RDWR | O_CREAT | (isStale ? O_EXCL : 0);
+  if (result == S_OK) result = openStream(local, recordName, flags, stream);
+  std::string now;
+  if (result == S_OK) result = readFrom(stream, sizeof(content) + backingPath.size(), now);
+  if (result == S_OK && now != (isStale ? "" : found)) result = HRESULT_FROM_WIN32(ERROR_BUSY);
   return result;
+}
+
+HRESULT progress_record::saveBegun() {
+  const HRESULT result = tag.isOpen() ? syncData(tag) : S_OK;
+  if (result != S_OK) return result;
+  tag = descriptor();  // somebody may want to replace it
+  return save();
+}
+
+HRESULT progress_record::saveWhole(std::uint64_t length) {
+  const layout begun = std::exchange(content, {mark, content.local, 1, length});
+  const HRESULT result = save();
+  if (result == S_OK) return result;
+  content = begun;
+  save();
+  return result;
+}
+
+std::string progress_record::bytesOf(const layout& header) const {
+  return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + backingPath;
+}
+
+HRESULT progress_record::save() {
+  const std::string bytes = bytesOf(content);
+  errno = ENOSPC;  // for a short write
+  const ssize_t count = pwrite(stream.get(), bytes.data(), bytes.size(), 0);
+  return count == std::ssize(bytes) ? syncData(stream) : loggedFailure("pwrite", stream);
 }

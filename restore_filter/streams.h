@@ -2,62 +2,68 @@
 
 #include <windows.h>
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <utility>
 
 #include "platform/posix/descriptor.h"
+#include "restore_filter/host_files.h"
 
-// The named streams of a local file: the tag, and how far the file is restored. A stream is trusted
-// only if nobody but root and this process's user can have chosen its content: one of these two
-// owns the file, one of them the stream, nobody else can write the stream, and it is a regular file
-// with one link. Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic link
-// on the way to the stream fails too.
+// The named streams of a local file: the tag, and the record of its restoration. A stream is
+// trusted only if nobody but root and this process's user can have chosen its content: one of these
+// two owns the file, one of them the stream, nobody else can write the stream, and it is a regular
+// file with one link. Otherwise each function returns ERROR_ACCESS_DENIED as an HRESULT. A symbolic
+// link on the way fails too. ERROR_NOT_SUPPORTED: the file system keeps no times of birth, and has
+// no real named streams, so that nothing tells which file a stream is about.
 
 /// Reads the tag of the file that `local` is open on: `backingPath` becomes the path in it, in
 /// UTF-8. Its strategy is advice; a start brings its own. Returns S_OK or, as an HRESULT,
 /// ERROR_NOT_FOUND if the file has no tag or was deleted, or ERROR_INVALID_DATA if the tag is
 /// incomplete or malformed.
-HRESULT readTagOf(const descriptor& local, std::string& backingPath);
+HRESULT readTag(const descriptor& local, std::string& backingPath);
 
-/// A file of a volume: the number of its inode and, since that is reused, its time of birth in
-/// seconds and nanoseconds.
-using file_identity = std::array<std::uint64_t, 3>;
-
-/// The content of the stream ":restore_filter_progress": which file and which backing path it is
-/// about, and how far the file is restored. No device number: that changes with a reboot.
+/// The stream ":restore_filter_progress": which file and which backing path it is about, and
+/// whether the restoration has begun or the file is whole. No device number, which changes with a
+/// reboot, and no count: after a kill or a crash, a restoration begins again.
 class progress_record {
  public:
   progress_record(const file_identity& local, std::string pathOfBacking)
-      : content{local, 0, 0}, backingPath(std::move(pathOfBacking)) {}
+      : content{mark, local, 0, 0}, backingPath(std::move(pathOfBacking)) {}
 
-  /// Reads the stream of the file that `local` is open on. S_OK, or ERROR_NOT_FOUND as an HRESULT
-  /// if there is none, or one of another file or backing path, or a malformed one.
-  HRESULT read(const descriptor& local);
-  /// Opens the stream for save(). Replaces it unless a record with restored bytes was read.
+  /// Reads the stream of the file that `local` is open on, which has `size` bytes. S_OK if the
+  /// record fits, or if there is none that does and the file is empty. ERROR_FILE_EXISTS as an
+  /// HRESULT if the file has content but no record that fits, or if the stream is no record.
+  HRESULT read(const descriptor& local, std::uint64_t size);
+  /// Opens the stream for saving. Replaces a record that does not fit. ERROR_BUSY as an HRESULT if
+  /// the stream has changed since it was read.
   HRESULT open(const descriptor& local);
-  /// Replaces the stream's content, in one write, and syncs it. The first time it also syncs the
-  /// tag, without which a record means nothing. After a failure it writes the old content again.
-  HRESULT save(std::uint64_t restored, bool isWhole);
+  /// Saves that the restoration has begun, and syncs the tag and the record.
+  HRESULT saveBegun();
+  /// Saves and syncs that the file is whole, with this length. After a failure, it has begun.
+  HRESULT saveWhole(std::uint64_t length);
 
-  /// How many bytes are restored and on the disk. Of a whole file, its length when it became whole.
-  std::uint64_t restored() const { return content.restored; }
   /// Whether the restoration is finished. After that nothing is written into the file.
   bool isWhole() const { return content.isWhole != 0; }
+  /// Of a whole file, its length when it became whole.
+  std::uint64_t length() const { return content.length; }
 
  private:
   struct layout {  // the backing path follows it, up to the end of the stream
+    std::uint64_t mark;
     file_identity local;
     std::uint64_t isWhole;  // 0 or 1
-    std::uint64_t restored;
+    std::uint64_t length;   // 0 until it is whole
   };
-  static_assert(sizeof(layout) == 40);
+  static_assert(sizeof(layout) == 48);
+  static constexpr std::uint64_t mark = 0x316472636572667a;  // "zfrecrd1"
 
-  bool write(const layout& next) const;
+  std::string bytesOf(const layout& header) const;
+  HRESULT save();
 
   layout content;
   std::string backingPath;
+  std::string found;     // what read() has found in the stream
+  bool isStale = false;  // that is a record, but does not fit
   descriptor stream;
   descriptor tag;  // until it is synced
 };

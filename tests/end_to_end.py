@@ -26,8 +26,8 @@ FILTER = str(GIVEN.build / "restore_filter")
 SOURCE = Path(__file__).resolve().parent.parent
 PWSH = shutil.which("pwsh", path=str(SOURCE / "build/tools")) or shutil.which("pwsh")
 IS_ROOT = os.name == "posix" and os.geteuid() == 0
-NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, EXISTS, INVALID, FULL, BUSY, TOO_SHORT, IO_ERROR, NOT_FOUND = \
-    (0x80070000 | code for code in (3, 4, 5, 6, 32, 80, 87, 112, 170, 1006, 1117, 1168))
+NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, NOT_SUPPORTED, EXISTS, INVALID, FULL, BUSY, CHANGED, IO_ERROR, NOT_FOUND = \
+    (0x80070000 | code for code in (3, 4, 5, 6, 32, 50, 80, 87, 112, 170, 1006, 1117, 1168))
 OK, NO = struct.pack("<I", 0), struct.pack("<I", DENIED)
 REFUSED = "FilterConnectCommunicationPort failed: portName = %s, error = 0x80070005\n"
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
@@ -123,7 +123,7 @@ class story(unittest.TestCase):
         Path("back/data").write_bytes(self.content)
 
     def mount(self, kind, source, folder, options):
-        os.mkdir(folder)
+        Path(folder).mkdir(exist_ok=True)
         subprocess.run(["mount", "-t", kind, "-o", options, source, folder], check=True)
         self.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
 
@@ -343,6 +343,18 @@ class WithRestoreFilter(story):
             self.set_up_file(str(index), backing)
             self.start(str(index), 2, expected)
         os.close(leased)
+        self.set_up_file("locked")
+        with open("locked") as locked:
+            fcntl.flock(locked, fcntl.LOCK_EX)
+            self.start("locked", 2, BUSY)
+        self.set_up_file("back/tagged")  # a backing file that is restored itself
+        self.set_up_file("late", "c:\\tagged")
+        self.start("late", 2, BUSY)
+        self.assertEqual(progress("late"), BUSY)
+        self.start("back/tagged")
+        self.ends_with("back/tagged", self.content)
+        self.start("late")
+        self.ends_with("late", self.content)
 
     def test_survives_silent_clients(self):
         opened = self.count_of_filter("fd")
@@ -387,41 +399,50 @@ class WithRestoreFilter(story):
             os.rename(name + ".old", name)
         shutil.copy("copied", "copy")  # the record is of another file
         os.rename("copy", "copied")
-        for name, content in (("user's", b"mine"), ("made in advance", bytes(1 << 20)), ("cut record", self.content)):
+        for name, content in (("user's", b"mine"), ("made in advance", bytes(1 << 20)), ("cut record", self.content), ("notes", b"")):
             self.set_up_file(name)
             Path(name).write_bytes(content)
         shutil.copy("whole:restore_filter_progress", "cut record:restore_filter_progress")
         os.truncate("cut record:restore_filter_progress", 39)
-        for name in ("copied", "retagged", "user's", "made in advance", "cut record"):
+        Path("notes:restore_filter_progress").write_text("no record")
+        for name in ("copied", "retagged", "user's", "made in advance", "cut record", "notes"):
             before = Path(name).read_bytes()
             with self.subTest(name):
                 self.start(name, 2, EXISTS)
                 self.assertEqual((progress(name), Path(name).read_bytes()), (EXISTS, before))
+        self.assertEqual(Path("notes:restore_filter_progress").read_text(), "no record")
         with open("changed", "r+b") as changed:  # its user owns a whole file, whatever becomes of the backing file
             changed.write(b"its user's")
+        os.truncate("whole", 0)
         for change in (lambda: os.truncate("back/data", 5), lambda: os.unlink("back/data")):
             change()
-            self.start("changed")
-            self.ends_with("changed", b"its user's" + self.content[10:])
+            for name, content in ("changed", b"its user's" + self.content[10:]), ("whole", b""):
+                self.start(name)
+                self.assertEqual((progress(name), Path(name).read_bytes()), ((len(self.content),) * 2, content))
         self.start("whole:restore_filter_tag", 2, NOT_FOUND)
         Path("back/data").touch()
 
-    def test_goes_on_after_a_kill(self):
+    def test_begins_again_after_a_kill_or_with_another_backing_file(self):
+        def ends(by):
+            self.start("local")
+            eventually(lambda: by != signal.SIGKILL or progress("local")[0] > 1 << 20)
+            self.filter.send_signal(by)
+            self.filter.wait(20)
+            self.assertTrue(self.start_filter())
+            self.assertEqual(progress("local")[0], 0)
+
         self.set_up_huge("local")
+        for by in (signal.SIGTERM, signal.SIGTERM, signal.SIGKILL):  # the first two before the first byte
+            ends(by)
         self.start("local")
-        eventually(lambda: progress("local")[0] > 0)
-        self.filter.kill()
-        self.filter.wait()
-        kept = os.path.getsize("local")
-        recorded = int.from_bytes(Path("local:restore_filter_progress").read_bytes()[32:40], "little")
-        self.assertTrue(self.start_filter())
-        os.truncate("back/huge", 5)
-        self.start("local", 2, TOO_SHORT)
-        os.truncate("back/huge", kept + 4)
-        with open("local", "r+b") as local:  # the record does not count these bytes, so they are written again
-            os.pwrite(local.fileno(), b"lost", max(recorded, kept - 4))
+        eventually(lambda: progress("local")[0] > 1 << 20)
+        self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
+        self.assertGreater(progress("local")[0], 1 << 20)
+        os.rename("back/data", "back/huge")
+        self.assertEqual(progress("local"), (0, len(self.content)))
         self.start("local")
-        self.ends_with("local", Path("back/huge").read_bytes())
+        self.ends_with("local", self.content)
+        Path("back/data").touch()
 
     def test_ends_with_its_file_and_attaches_once(self):
         self.set_up_huge("local")
@@ -432,6 +453,24 @@ class WithRestoreFilter(story):
         second = subprocess.run([FILTER, "."], capture_output=True, text=True)
         self.assertEqual((second.returncode, second.stdout), (1, ""))
         self.assertIn("already", second.stderr)
+
+    @unittest.skipUnless(IS_ROOT, "NTFS with the stand-in (not root)")
+    def test_knows_a_file_without_a_time_of_birth_by_its_real_streams(self):
+        Path("image").write_bytes(bytes(16 << 20))
+        subprocess.run(["mkntfs", "-qF", "image"], check=True, capture_output=True)
+        name = "ntfs/local"
+        for options, answer in ("umask=022", NOT_SUPPORTED), ("streams_interface=windows,umask=022", 0):
+            self.mount("ntfs-3g", "image", "ntfs", options)
+            self.assertTrue(self.start_filter(folder="ntfs"))
+            self.set_up_file(name)
+            self.start(name, 2, answer)
+            eventually(lambda: progress(name) == (answer or (len(self.content),) * 2))
+            self.assertEqual(send("--stopAggressiveRestore", name), answer)
+            self.assertEqual(Path(name).read_bytes(), b"" if answer else self.content)
+            self.filter.terminate()
+            self.filter.wait(20)
+            os.unlink(name)
+            subprocess.run(["umount", "ntfs"], check=True)
 
     @unittest.skipUnless(IS_ROOT, "a small volume, another mount name space and another user (not root)")
     def test_other_volumes_and_users(self):
@@ -452,6 +491,16 @@ class WithRestoreFilter(story):
         self.assertEqual(send("--ping", local, program=["unshare", "-m", "--propagation", "unchanged", TOOL]), INVALID)
         self.assertEqual(tool("back", "sm all\\", program=[CHECK])[0], 1)  # too small, and left as it was
         self.assertEqual(os.listdir("back"), ["data"])
+
+        for folder in "hidden", "above":
+            os.mkdir(folder)
+            self.set_up_file(folder + "/local")
+        with open("hidden/local") as file, socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+            self.mount("none", "above", "hidden/", "bind")  # the streams at the file's path are of another file
+            client.connect("\0" + port_of("."))
+            for packet, answer in (bytes(40), OK), (struct.pack("<IQIQI", 16, file.fileno(), 3, 0, 0), struct.pack("<I", NOT_FOUND)):
+                client.send(packet)
+                self.assertEqual(client.recv(20), answer)
 
         os.chmod(self.folder, 0o755)  # the user `nobody` has no access to the tool's folder
         shutil.copy(TOOL, "tool")
@@ -543,9 +592,9 @@ class WithFailingCalls(story):
         self.stop_filter(self.filter)
 
     def test_is_whole_when_the_record_says_so_on_the_disk(self):
-        # Syncs of a thread: 1 file, 2 tag and 3 record before the first byte, 4 file and 5 record at the end.
-        for fault, status in (("error=EIO:when=1", IO_ERROR), ("error=EIO:when=2", IO_ERROR), ("error=EIO:when=4", IO_ERROR),
-                              ("error=ENOSPC:when=5", FULL)):
+        # Syncs of a thread: 1 tag and 2 record before the first byte, 3 file and 4 record at the end.
+        for fault, status in (("error=EIO:when=1", IO_ERROR), ("error=EIO:when=2", IO_ERROR), ("error=EIO:when=3", IO_ERROR),
+                              ("error=ENOSPC:when=4", FULL)):
             with self.subTest(fault):
                 isEmpty = fault[-1] in "12"
                 self.set_up_file(fault)
@@ -568,8 +617,9 @@ class WithFailingCalls(story):
         shutil.copy("back/data", "back/other")
         self.set_up_file("other", "c:\\other")
         for fault, change, end in (
-                ("delay_enter=1s:when=4", lambda: None, (len(self.content),) * 2), ("error=EIO:delay_enter=1s:when=5", lambda: None, IO_ERROR),
-                ("delay_enter=1s:when=4", lambda: os.truncate("local", 5), TOO_SHORT)):
+                ("delay_enter=1s:when=3", lambda: None, (len(self.content),) * 2), ("error=EIO:delay_enter=1s:when=4", lambda: None, IO_ERROR),
+                ("delay_enter=1s:when=3", lambda: os.truncate("local", 5), CHANGED),
+                ("delay_enter=1s:when=3", lambda: os.utime("back/data", (0, 0)), CHANGED)):
             self.set_up_file("local")
             self.start_filter(*STRACE, "inject=fdatasync:" + fault)
             self.start("local")
@@ -583,7 +633,7 @@ class WithFailingCalls(story):
                 self.start("local", 2, BUSY)  # the restoration from back/data has not ended yet
                 os.rename(tag, "other:restore_filter_tag")
                 os.rename("kept", tag)
-                if end != TOO_SHORT:
+                if end != CHANGED:
                     self.start("local")
                     self.assertLess(*progress("local"))
                     self.assertEqual(self.count_of_filter("task"), 2)  # no second thread: the start woke the one that still syncs

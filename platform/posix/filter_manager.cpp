@@ -91,7 +91,8 @@ ssize_t exchange(int port, std::array<iovec, 2> packet, HRESULT& result, iovec r
   msghdr message{};
   message.msg_iov = packet.data();
   message.msg_iovlen = packet.size();
-  if (sendmsg(port, &message, MSG_NOSIGNAL) < 0) return -1;
+  // EPIPE: the peer has answered already, for instance that it does not serve this user.
+  if (sendmsg(port, &message, MSG_NOSIGNAL) < 0 && errno != EPIPE) return -1;
   std::array<iovec, 2> answer{{{&result, sizeof(result)}, reply}};
   message.msg_iov = answer.data();
   const ssize_t size = recvmsg(port, &message, 0);
