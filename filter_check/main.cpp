@@ -1,8 +1,10 @@
 // zan_filter_check: checks a restore filter against the contract, statement by statement. Prints
 // TAP, version 13.
 
+#include <algorithm>
 #include <csignal>
 #include <cwchar>
+#include <iostream>
 
 #include "app/wmain.h"
 #include "control/volume_id.h"
@@ -47,7 +49,7 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
   t.clear();
   try {
     tried.check(t, row);
-    if (!t.choice.empty()) line += " # choice: " + t.choice;
+    if (!t.choice().empty()) line += " # choice: " + t.choice();
     std::cout << "ok " << line << std::endl;
     return outcome::holds;
   } catch (const untried& why) {
@@ -55,9 +57,9 @@ outcome tryOne(trial& t, const statement& tried, const statement::row& row, int 
     return outcome::untried;
   } catch (const violation& failed) {
     std::cout << "not ok " << line << '\n';
-    const auto shown = std::min<std::ptrdiff_t>(std::ssize(t.log), 10);
-    if (shown < std::ssize(t.log)) std::cout << "#   (earlier messages left out)\n";
-    for (auto each = t.log.end() - shown; each != t.log.end(); ++each) {
+    const auto shown = std::min<std::ptrdiff_t>(std::ssize(t.log()), 10);
+    if (shown < std::ssize(t.log())) std::cout << "#   (earlier messages left out)\n";
+    for (auto each = t.log().end() - shown; each != t.log().end(); ++each) {
       std::cout << "#   " << *each << '\n';
     }
     std::cout << "#   expected: " << failed.expected << std::endl;
@@ -69,7 +71,8 @@ int checkAll(trial& t, const std::vector<statement>& statements) {
   std::size_t plan = 0;
   for (const statement& each : statements) plan += each.rows.size();
   std::cout << "TAP version 13\n1.." << plan << "\n# zan_filter_check " ZAN_VERSION
-            << "\n# backing paths begin with " << zan::textOf(zan::hostPath(t.prefix)) << std::endl;
+            << "\n# backing paths begin with " << zan::textOf(zan::hostPath(t.backingPath(L"")))
+            << std::endl;
   int number = 0;
   int count[3] = {};
   std::string heading;

@@ -2,8 +2,11 @@
 
 #include <climits>
 #include <cstddef>
+#include <fstream>
 #include <list>
 #include <set>
+
+#include "restore/nt_path.h"
 
 using row = statement::row;
 
@@ -18,34 +21,47 @@ fs::path newlyRestored(trial& t, std::uint64_t size) {
   return file;
 }
 
-// A file stopped during its restoration, and the size of its backing file.
-auto stopped(trial& t) {
-  return t.whileRestoring(
-      [&](auto& file) { expect(t.send(file, {StopAggressiveRestore}).result, S_OK); });
+// A file that is being restored, or was stopped a moment after its start, and the size of its
+// backing file.
+auto unfinished(
+    trial& t, bool isStopped, const trial::file_action& action = [](auto&, auto) {}) {
+  return t.whileRestoring([&](auto& file, auto size) {
+    if (isStopped) t.stopLater(file);
+    action(file, size);
+  });
+}
+auto stopped(trial& t) { return unfinished(t, true); }
+
+// The same, of a filter that serves reads: the file has its full size.
+auto readable(trial& t, bool isStopped, const trial::file_action& action) {
+  return unfinished(t, isStopped, [&](auto& file, auto size) {
+    const bool isFull = fs::file_size(file) == size;
+    expect(isFull || fs::path::preferred_separator == '/', "the backing file's size");
+    if (!isFull) throw untried{"the filter serves no reads: the file shows only what is restored"};
+    action(file, size);
+  });
 }
 
 // A filter at its limit takes more files when others are whole.
-void restoreAtOnce(trial& t, std::int64_t count) {
+void restoreAtOnce(trial& t, std::size_t count) {
   std::list<std::pair<fs::path, std::uint64_t>> begun;
-  for (std::uint64_t i = 0; i < static_cast<std::uint64_t>(count); ++i) {
+  for (std::size_t i = 0; i < count; ++i) {
     const std::uint64_t size = 1 + i % 10 * 200000;
     const fs::path file = t.newFile(size);
     while (t.start(file) != S_OK) {
       expect(!begun.empty(), "a start succeeds if no other file is being restored");
-      t.untilWhole(begun.front().first, begun.front().second);
+      t.untilWhole(begun.front().first, t.backing(begun.front().second));
       begun.pop_front();
     }
     begun.emplace_back(file, size);
   }
-  for (const auto& [file, size] : begun) t.untilWhole(file, size);
+  for (const auto& [file, size] : begun) t.untilWhole(file, t.backing(size));
 }
 
-// The tag of a small file, in which the 16 bits at the row's offset are XORed with its value.
-std::string changedTag(const trial& t, const row& change) {
-  std::string tag = t.tagOf(5000);
-  tag[change.offset] = static_cast<char>(tag[change.offset] ^ change.value);
-  tag[change.offset + 1] = static_cast<char>(tag[change.offset + 1] ^ change.value >> 8);
-  return tag;
+// The tag of a small file, with the row's value in the 16 bits at the row's offset.
+std::string tagWith(const trial& t, const row& change) {
+  const char bytes[] = {static_cast<char>(change.value), static_cast<char>(change.value >> 8)};
+  return t.tagOf(5000).replace(change.offset, 2, bytes, 2);
 }
 
 void expectEmpty(const fs::path& file) { expect(contentOf(file).empty(), "the file stays empty"); }
@@ -54,23 +70,40 @@ void expectEmpty(const fs::path& file) { expect(contentOf(file).empty(), "the fi
 void expectRefusal(trial& t, const fs::path& file) {
   const HRESULT result = t.start(file);
   expect(result != S_OK, "the start is refused");
-  t.choice = hex(result);
+  t.choose(hex(result));
   expectEmpty(file);
 }
 
 // Nothing can be restored. The start says so, or a progress query after it.
 void expectFailure(trial& t, const fs::path& file) {
   HRESULT result = t.start(file);
-  t.choice = result == S_OK ? "0x00000000, then a progress query answers " : "";
-  const auto end = steady_clock::now() + t.limit;
-  while (result == S_OK) {
-    expect(steady_clock::now() < end,
-           "the start, or a progress query after it, fails within the time limit");
-    pauseFor(20ms);
-    result = t.send(file, {.operation = QueryProgress, .room = sizeof(ProgressInfo)}).result;
-  }
-  t.choice += hex(result);
+  const bool isStarted = result == S_OK;
+  if (isStarted) result = t.failureOf(file);
+  expect(result != S_OK, "the start fails, or a progress query after it");
+  t.choose((isStarted ? "0x00000000, then a progress query answers " : "") + hex(result));
   expectEmpty(file);
+}
+
+void expectUnchanged(const fs::path& file) {
+  const std::string content = contentOf(file);
+  for (const auto end = steady_clock::now() + 1s; steady_clock::now() < end; pauseFor(10ms)) {
+    expect(contentOf(file) == content, "the same content for one second");
+  }
+}
+
+// As many programs as the row's offset says read the ends of as many equal parts of a file.
+void expectReads(trial& t, const fs::path& file, std::uint64_t whole, const row& r) {
+  const auto readAll = [=, backing = t.backing(whole)] {
+    std::list<std::future<bool>> reads;
+    for (std::size_t i = 1; i <= r.offset; ++i) {
+      const std::uint64_t offset = whole / r.offset * i - r.value;
+      reads.push_back(std::async(std::launch::async, [=] {
+        return contentOf(file, offset, r.value) == contentOf(backing, offset, r.value);
+      }));
+    }
+    return std::all_of(reads.begin(), reads.end(), [](auto& each) { return each.get(); });
+  };
+  expect(t.withinLimit("read " + r.text, readAll), "the backing file's bytes");
 }
 
 }  // namespace
@@ -78,34 +111,30 @@ void expectFailure(trial& t, const fs::path& file) {
 std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVolume) {
   const char* heading = "Registration";
   std::vector<statement> all;
-  const auto addEach = [&](const char* text, std::vector<row> rows, auto check,
-                           bool isVital = false) {
-    all.push_back({heading, text, std::move(rows), std::move(check), isVital});
+  const auto addEach = [&](const std::string& text, std::vector<row> rows, auto check) {
+    all.push_back({heading, text, std::move(rows), std::move(check)});
   };
-  const auto add = [&](const char* text, auto check, bool isVital = false) {
-    addEach(
-        text, {0}, [check](trial& t, auto&) { check(t); }, isVital);
+  const auto add = [&](const std::string& text, auto check) {
+    addEach(text, {0}, [check](trial& t, auto&) { check(t); });
   };
   const auto addPing = [&](const char* text) {
     add(text, [](auto& t) { expect(t.send(t.newFile(), {}).result, S_OK); });
   };
 
-  add(
-      "zan_restore_filter has an instance on the volume",
-      [=](auto&) {
-        expect(instances > 0, "an instance (Windows lists instances only in an elevated console)");
-      },
-      true);
+  add("zan_restore_filter has an instance on the volume", [=](auto&) {
+    expect(instances > 0, "an instance (Windows lists instances only in an elevated console)");
+  });
+  all.back().isVital = true;
   add("zan_restore_filter has no second instance on the volume",
       [=](auto&) { expect(instances == 1, "one instance per volume"); });
-  add(
-      "the port named after the volume id accepts a connection",
-      [](auto& t) { const file_handle port(t.connect()); }, true);
+  add("the port named after the volume id accepts a connection",
+      [](auto& t) { const file_handle port(t.connect()); });
+  all.back().isVital = true;
   addPing("a ping succeeds");
 
   heading = "The connection";
   addEach("a context of size {} is refused", {0, 39, 41, 4096}, [](auto& t, auto& r) {
-    const auto [result, opened] = t.tryConnect(static_cast<std::size_t>(r.value));
+    const auto [result, opened] = t.tryConnect(r.value);
     const file_handle port(opened);
     expect(result, E_INVALIDARG);
   });
@@ -113,11 +142,11 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
       [](auto& t) { const file_handle port(t.connect('\xFF')); });
   addEach("{} connections at the same time are served", {9}, [](auto& t, auto& r) {
     std::list<file_handle> ports;  // the ninth is that of the ping
-    for (int i = 1; i < r.value; ++i) ports.emplace_back(t.connect());
+    for (std::size_t i = 1; i < r.value; ++i) ports.emplace_back(t.connect());
     expect(t.send(t.newFile(), {}).result, S_OK);
   });
   addEach("{} connections one after another are served", {1000}, [](auto& t, auto& r) {
-    for (int i = 0; i < r.value; ++i, t.log.clear()) const file_handle port(t.connect());
+    for (std::size_t i = 0; i < r.value; ++i) const file_handle port(t.connect());
     expect(t.send(t.newFile(), {}).result, S_OK);
   });
 
@@ -130,13 +159,13 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
     expect(t.start(file), S_OK);
     std::list<file_handle> sameNumbers;
     for (int i = 0; i < 8; ++i) sameNumbers.emplace_back(openFile(other));
-    t.untilWhole(file, severalChunks);
+    t.untilWhole(file, t.backing(severalChunks));
     expect(contentOf(other).empty(), "a file whose handle has the same value stays empty");
   });
 
   heading = "Checks";
   addEach("a message of size {} is refused", {0, 1, 8, 12, 20, 23, 25, 28, 48, 4096},
-          [](auto& t, auto& r) { t.expectRefused({.size = static_cast<std::size_t>(r.value)}); });
+          [](auto& t, auto& r) { t.expectRefused({.size = r.value}); });
   addEach("operation {} is refused", {4, 5, 0x80000000, UINT32_MAX},
           [](auto& t, auto& r) { t.expectRefused({static_cast<ControlOperation>(r.value)}); });
   addEach("a handle value with bit {} set is refused", {16, 40}, [](auto& t, auto& r) {
@@ -146,11 +175,11 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   });
   add("a closed handle is refused", [](auto& t) { t.expectRefused({.isClosed = true}); });
   add("a handle of a folder is refused", [](auto& t) {
-    const file_handle folder(openFile(t.folder.path, FILE_FLAG_BACKUP_SEMANTICS));
+    const file_handle folder(openFile(t.folder(), FILE_FLAG_BACKUP_SEMANTICS));
     const HRESULT result = t.send(t.newFile(), {.handle = folder.get()}).result;
     expect(result == E_INVALIDARG || result == HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED),
            "0x80070057 or 0x80070005");
-    t.choice = hex(result);
+    t.choose(hex(result));
   });
   add("a handle of a pipe is refused", [](auto& t) {
     HANDLE ends[2] = {INVALID_HANDLE_VALUE, INVALID_HANDLE_VALUE};
@@ -175,33 +204,40 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   });
   addEach("a tag of size {} is refused", {0, 36, 16375, 16377}, [](auto& t, auto& r) {
     std::string tag = t.tagOf(5000);
-    tag.resize(static_cast<std::size_t>(r.value));
+    tag.resize(r.value);
     expectRefusal(t, t.newFile(tag));
   });
-  addEach("a tag with {} is refused",
-          {{"a wrong tag field", 1, offsetof(RestoreTagRecord, tag)},
-           {"a wrong dataLength", 1, offsetof(RestoreTagRecord, dataLength)},
-           {"a wrong guid", 1, offsetof(RestoreTagRecord, guid) + 14},
-           {"pathOffset 0", 8, offsetof(RestoreTagRecord, pathOffset)},
-           {"pathOffset 9", 1, offsetof(RestoreTagRecord, pathOffset)},
-           {"pathOffset 0xffff", 0xFFF7, offsetof(RestoreTagRecord, pathOffset)},
-           {"an odd pathLength", 1, offsetof(RestoreTagRecord, pathLength)},
-           {"a pathLength beyond the tag", 0x8000, offsetof(RestoreTagRecord, pathLength)}},
-          [](auto& t, auto& r) { expectRefusal(t, t.newFile(changedTag(t, r))); });
-  add("a tag whose pathLength includes the trailer is refused", [](auto& t) {
-    std::string tag = t.tagOf(5000);
-    const std::uint16_t length = RESTORE_TAG_PATH_UNITS * 2 + 4;
-    std::memcpy(&tag[offsetof(RestoreTagRecord, pathLength)], &length, sizeof(length));
-    expectRefusal(t, t.newFile(tag));
+  addEach(
+      "a tag with {} is refused",
+      {{"a wrong tag field", 0x52, offsetof(RestoreTagRecord, tag)},
+       {"a wrong dataLength", 0x3FE1, offsetof(RestoreTagRecord, dataLength)},
+       {"a wrong guid", 0, offsetof(RestoreTagRecord, guid) + 14},
+       {"pathOffset 0", 0, offsetof(RestoreTagRecord, pathOffset)},
+       {"pathOffset 9", 9, offsetof(RestoreTagRecord, pathOffset)},
+       {"pathOffset 0xffff", 0xFFFF, offsetof(RestoreTagRecord, pathOffset)},
+       {"an odd pathLength", 13, offsetof(RestoreTagRecord, pathLength)},
+       {"a pathLength that includes the trailer", 16340, offsetof(RestoreTagRecord, pathLength)},
+       {"a pathLength beyond the tag", 0x8000, offsetof(RestoreTagRecord, pathLength)}},
+      [](auto& t, auto& r) { expectRefusal(t, t.newFile(tagWith(t, r))); });
+  addEach("a tag with {} restores the file",
+          {{"reserved 1", 1, offsetof(RestoreTagRecord, reserved)},
+           {"trailer 1", 1, offsetof(RestoreTagRecord, trailer)},
+           {"something behind its path", 'x', offsetof(RestoreTagRecord, trailer) - 2},
+           {"strategy.kind 7", 7, offsetof(RestoreTagRecord, strategy.kind)},
+           {"a negative n", 0xFFFF, offsetof(RestoreTagRecord, strategy.concurrentReads) + 2}},
+          [](auto& t, auto& r) { t.restore(t.newFile(tagWith(t, r)), 5000); });
+  add("a tag that is a folder is refused", [](auto& t) {
+    const fs::path file = t.newFile();
+    std::error_code error;
+    if (!fs::create_directory(tagOn(file), error)) throw untried{"a stream is never a folder here"};
+    expectRefusal(t, file);
   });
   addEach("nothing is restored by a tag with {}",
           {{"an empty path", 0, offsetof(RestoreTagRecord, pathLength)},
            {"a zero in its path", 0, offsetof(RestoreTagRecord, path) + 8}},
-          [](auto& t, auto& r) {
-            expectFailure(t, t.newFile(t.tagOf(5000).replace(r.offset, 2, 2, '\0')));
-          });
+          [](auto& t, auto& r) { expectFailure(t, t.newFile(tagWith(t, r))); });
   addEach("a start with n = {} is answered", {INT_MIN, -1, 0}, [](auto& t, auto& r) {
-    t.choice = hex(t.start(t.newFile(5000), static_cast<std::int32_t>(r.value)));
+    t.choose(hex(t.start(t.newFile(5000), static_cast<std::int32_t>(r.value))));
   });
   addPing("a ping succeeds after refused messages and tags");
 
@@ -213,7 +249,7 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addEach("a reply buffer of size {} gets the bytes that fit", {0, 8, 15, 16, 100},
           [](auto& t, auto& r) {
             const fs::path file = newlyRestored(t, 5000);
-            const auto room = static_cast<std::size_t>(r.value);
+            const auto room = r.value;
             const answer full =
                 t.send(file, {.operation = QueryProgress, .room = sizeof(ProgressInfo)});
             const answer came = t.send(file, {.operation = QueryProgress, .room = room});
@@ -231,12 +267,14 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
       const bool binds = binding.contains(static_cast<ControlOperation>(rows.size()));
       rows.emplace_back(
           std::string("a ") + each + " of " + file + (binds ? " succeeds" : " is answered"),
-          std::ssize(rows));
+          rows.size());
     }
     addEach("{}", rows, [=](auto& t, auto& r) {
       const auto operation = static_cast<ControlOperation>(r.value);
       bring(t, [&](const fs::path& path, HANDLE handle = INVALID_HANDLE_VALUE) {
-        t.tell(path, {.operation = operation, .handle = handle}, binding.contains(operation));
+        const HRESULT result = t.send(path, {.operation = operation, .handle = handle}).result;
+        if (binding.contains(operation)) return expect(result, S_OK);
+        t.choose(hex(result));
       });
     });
   };
@@ -244,16 +282,16 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addState("an idle file", {Ping, StartAggressiveRestore},
            [](auto& t, auto tell) { tell(t.newFile(5000)); });
   addState("a file that is being restored", {Ping, StopAggressiveRestore, QueryProgress},
-           [](auto& t, auto tell) { t.whileRestoring(tell); });
+           [](auto& t, auto tell) { t.whileRestoring([&](auto& file, auto) { tell(file); }); });
   addState("a stopped file", {Ping, StartAggressiveRestore},
            [](auto& t, auto tell) { tell(stopped(t).first); });
   addState("a whole file", {Ping, QueryProgress}, [](auto& t, auto tell) {
     const fs::path file = newlyRestored(t, 5000);
     tell(file);
-    t.expectContent(file, 5000);
+    t.expectContent(file, t.backing(5000));
   });
   addState("a file whose restoration failed", {Ping}, [](auto& t, auto tell) {
-    const fs::path file = t.newFile(tagFor(t.prefix + L"missing"));
+    const fs::path file = t.newFile(tagFor(t.backingPath(L"missing")));
     expectFailure(t, file);
     tell(file);
   });
@@ -265,11 +303,12 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   });
   addEach("nothing is restored from a backing file that is {}", {{"missing", 0}, {"a folder", 1}},
           [](auto& t, auto& r) {
-            expectFailure(t, t.newFile(tagFor(t.prefix + (r.value == 0 ? L"missing" : L"folder"))));
+            expectFailure(t,
+                          t.newFile(tagFor(t.backingPath(r.value == 0 ? L"missing" : L"folder"))));
           });
   addEach("a backing file of size {} is restored",
           {0, 1, 4095, 4096, 4097, mebibyte - 1, mebibyte, mebibyte + 1, severalChunks},
-          [](auto& t, auto& r) { newlyRestored(t, static_cast<std::uint64_t>(r.value)); });
+          [](auto& t, auto& r) { newlyRestored(t, r.value); });
   addEach("{} files started together become whole", {8, 50},
           [](auto& t, auto& r) { restoreAtOnce(t, r.value); });
   addEach("a start with n = {} restores the file", {1, 4, 64, INT_MAX}, [](auto& t, auto& r) {
@@ -277,20 +316,45 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   });
   add("a start is answered before the restoration ends", [](auto& t) {
     try {
-      t.whileRestoring([](auto&) {});
+      t.whileRestoring([](auto&, auto) {});
     } catch (const untried&) {
       throw violation{"a 1 GiB restoration that still runs after its start is answered"};
     }
   });
-  add("nothing is written after a stop is answered", [](auto& t) {
-    const fs::path file = stopped(t).first;
-    const std::string content = contentOf(file);
-    pauseFor(1s);
-    expect(contentOf(file) == content, "the same content one second later");
+  add("nothing is written after a stop is answered",
+      [](auto& t) { expectUnchanged(stopped(t).first); });
+  add("a stop of one file stops no other", [](auto& t) {
+    fs::path other;
+    const auto [file, size] = unfinished(t, false, [&](auto& first, auto backingSize) {
+      other = t.newFile(backingSize);
+      if (t.start(other) != S_OK) throw untried{"the filter restores one file at a time"};
+      expect(t.send(first, {StopAggressiveRestore}).result, S_OK);
+    });
+    t.untilWhole(other, t.backing(size));
   });
-  add("a start after a stop makes the file whole", [](auto& t) {
-    const auto [file, size] = stopped(t);
-    t.restore(file, size);
+  add("a start after a stop continues, until the file is whole", [](auto& t) {
+    ProgressInfo before{};
+    const auto [file, size] =
+        t.whileRestoring([&](auto& path, auto) { before = t.stopLater(path); });
+    expect(t.start(file), S_OK);
+    expect(t.progress(file).progress >= before.progress, "the progress from before the stop");
+    t.untilWhole(file, t.backing(size));
+  });
+  add("a start of a whole file writes nothing", [](auto& t) {
+    const fs::path file = newlyRestored(t, 5000);
+    writeInto(file, 100, "a program's");
+    t.choose(hex(t.start(file)));
+    expectUnchanged(file);
+    expect(contentOf(file, 100, 11) == "a program's", "what a program has written");
+  });
+  add("a failure is told by each progress query", [](auto& t) {
+    const auto [file, size] = t.whileRestoring([](auto&, auto) {}, 1);
+    std::error_code error;
+    fs::resize_file(t.backing(size), 4096, error);
+    if (error) throw untried{"the backing file cannot be cut: the filter has it open"};
+    if (t.failureOf(file) == S_OK) throw untried{"the file became whole nevertheless"};
+    ProgressInfo info;
+    expect(t.query(file, info) != S_OK, "a failure again");
   });
   add("a start after a failure makes the file whole", [](auto& t) {
     const fs::path file = t.newFile(777);
@@ -302,11 +366,21 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   addEach("a file that was deleted {}, then recreated, is restored from its new tag",
           {{"when whole", 0}, {"during its restoration", 1}}, [](auto& t, auto& r) {
             const fs::path file =
-                r.value == 0 ? newlyRestored(t, 4097) : t.whileRestoring([](auto&) {}).first;
+                r.value == 0 ? newlyRestored(t, 4097) : t.whileRestoring([](auto&, auto) {}).first;
             t.remove(file);
             t.rename(t.newFile(5000), file);
             t.restore(file, 5000);
           });
+  add("a file that is deleted during its restoration grows no more", [](auto& t) {
+    const auto [file, size] = t.whileRestoring([](auto&, auto) {}, 1);
+    std::ifstream open(file, std::ios::binary);
+    const auto length = [&] { return std::uint64_t(open.seekg(0, std::ios::end).tellg()); };
+    if (length() == size) throw untried{"the file has its full size from the start on"};
+    t.remove(file);
+    std::uint64_t last = 0;
+    for (; last != length(); pauseFor(500ms)) last = length();
+    expect(last < size, "fewer bytes than the backing file has");
+  });
   add("a file renamed together with its tag is restored", [](auto& t) {
     const fs::path file = t.newFile(5000);
     t.rename(file, t.nextFile());
@@ -314,19 +388,77 @@ std::vector<statement> contractStatements(std::ptrdiff_t instances, bool isOneVo
   });
   addPing("a ping succeeds after files were restored");
 
+  heading = "Programs that read and write";
+  for (const bool isStopped : {true, false}) {
+    const std::string file = isStopped ? "a stopped file" : "a file that is being restored";
+    addEach(file + " can be read: {}",
+            {{"the last byte", 1, 1},
+             {"the last 4097 bytes", 4097, 1},
+             {"the last 3145729 bytes", 3145729, 1},
+             {"64 places at once", 5000, 64}},
+            [=](auto& t, auto& r) {
+              readable(t, isStopped, [&](auto& path, auto size) { expectReads(t, path, size, r); });
+            });
+    add("what is written into " + file + " is kept", [=](auto& t) {
+      const auto writeAll = [](auto& path, auto size) {
+        writeInto(path, 5 * mebibyte - 3, "a program's");
+        writeInto(path, 20 * mebibyte, std::string(mebibyte, 'w'));
+        writeInto(path, size - 9, "the end");
+      };
+      const auto [path, size] = readable(t, isStopped, writeAll);
+      if (isStopped) expect(t.start(path), S_OK);
+      const fs::path expected = t.newFile();
+      fs::copy_file(t.backing(size), expected, fs::copy_options::overwrite_existing);
+      writeAll(expected, size);
+      t.untilWhole(path, expected);
+    });
+  }
+  add("a read of a part whose backing file is gone gives no other bytes", [](auto& t) {
+    readable(t, true, [&](auto& file, auto size) {
+      const std::string right = contentOf(t.backing(size), size - 5000);
+      std::error_code error;
+      if (!fs::remove(t.backing(size), error)) throw untried{"the filter has it open"};
+      const auto read = [=] { return contentOf(file, size - 5000); };
+      const std::string came = t.withinLimit("a read", read);
+      t.choose(came == right ? "its bytes" : "a failure");
+      expect(right.starts_with(came), "the backing file's bytes, or a failure");
+    });
+  });
+
   heading = "The tag";
   add("the path ends where pathLength says", [](auto& t) {
     std::string tag = t.tagOf(5000);
-    tag[offsetof(RestoreTagRecord, path) + 2 * toNtPath(t.prefix + L"5000").size()] = 'x';
+    tag[offsetof(RestoreTagRecord, path) + 2 * toNtPath(t.backingPath(L"5000")).size()] = 'x';
     t.restore(t.newFile(tag), 5000);
+  });
+  addEach("a backing file with {} in its name is restored",
+          {{"two scripts", 0}, {"an emoji", 1}, {"a byte that is not UTF-8", 2}},
+          [](auto& t, auto& r) {
+            static constexpr const wchar_t* names[] = {L"\xE9\x4E2D", L"\xD83D\xDE00", L"\xDCFF"};
+            const std::wstring name = names[r.value];
+            const fs::path named = t.backing(5000).parent_path() / zan::hostPath(name);
+            std::error_code error;
+            fs::copy_file(t.backing(5000), named, error);
+            if (error || zan::widePath(named.filename()) != name) {
+              throw untried{"the file system has no such names"};
+            }
+            t.restore(t.newFile(tagFor(t.backingPath(name))), 5000);
+          });
+  add("a hard link has no tag", [](auto& t) {
+    const fs::path file = t.newFile(5000);
+    const fs::path link = t.nextFile();
+    std::error_code error;
+    fs::create_hard_link(file, link, error);
+    if (error || fs::exists(tagOn(link))) throw untried{"here, a link has the file's streams"};
+    expectRefusal(t, link);
   });
   add("a file whose tag has the strategy simple becomes whole after a start", [](auto& t) {
     std::string tag = t.tagOf(5000);
     tag[offsetof(RestoreTagRecord, strategy.kind)] = 1;
     tag[offsetof(RestoreTagRecord, strategy.concurrentReads)] = 2;
     const fs::path file = t.newFile(tag);
-    t.choice = hex(t.start(file));  // the filter may have begun before
-    t.untilWhole(file, 5000);
+    t.choose(hex(t.start(file)));  // the filter may have begun before
+    t.untilWhole(file, t.backing(5000));
   });
   add("the tag is unchanged when the file is whole", [](auto& t) {
     expect(contentOf(tagOn(newlyRestored(t, 5000))) == t.tagOf(5000), "the same 16376 bytes");

@@ -6,12 +6,12 @@
 /// in `text`.
 struct statement {
   struct row {
-    row(std::int64_t number) : text(std::to_string(number)), value(number) {}
-    row(std::string shown, std::int64_t number, std::size_t at = 0)
+    row(std::int64_t number) : row(std::to_string(number), static_cast<std::size_t>(number)) {}
+    row(std::string shown, std::size_t number, std::size_t at = 0)
         : text(std::move(shown)), value(number), offset(at) {}
     std::string text;
-    std::int64_t value;
-    std::size_t offset = 0;
+    std::size_t value;
+    std::size_t offset;
   };
   const char* heading;  // on the contract page
   std::string text;

@@ -4,19 +4,14 @@
 // after <windows.h>:
 #include <fltuser.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
-#include <iostream>
-#include <random>
-#include <sstream>
-#include <stdexcept>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -24,8 +19,7 @@
 
 #include "platform/file_handle.h"
 #include "platform/wide_path.h"
-#include "restore/nt_path.h"
-#include "restore/tag_record.h"
+#include "zan_restore_filter.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -45,78 +39,30 @@ struct interruption {};
 
 inline std::atomic<bool> isInterrupted = false;
 
-inline void pauseFor(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
-  if (isInterrupted) throw interruption{};
-}
-
-inline std::string hex(HRESULT result) {
-  char text[11];
-  std::snprintf(text, sizeof(text), "0x%08x", static_cast<unsigned>(result));
-  return text;
-}
+void pauseFor(std::chrono::milliseconds time);
+std::string hex(HRESULT result);
 
 inline void expect(bool holds, const std::string& expected) {
   if (!holds) throw violation{expected};
 }
 inline void expect(HRESULT came, HRESULT expected) { expect(came == expected, hex(expected)); }
 
-[[noreturn]] inline void failWith(const std::string& what, const fs::path& file) {
-  throw std::runtime_error(what + ' ' + zan::textOf(file));
-}
+/// At most `size` bytes of a file from `offset` on: those that can be read.
+std::string contentOf(const fs::path& file, std::uint64_t offset = 0, std::size_t size = SIZE_MAX);
+/// Writes into a file that exists.
+void writeInto(const fs::path& file, std::uint64_t offset, const std::string& content);
+HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL);
 
-inline std::string contentOf(const fs::path& file) {
-  std::ostringstream content;
-  content << std::ifstream(file, std::ios::binary).rdbuf();
-  return std::move(content).str();
-}
-
+/// A tag with this path, where a file has its tag, and how the tool writes it: unshared, and in one
+/// write.
+std::string tagFor(const std::wstring& backingPath);
 inline fs::path tagOn(fs::path file) { return file += ":" RESTORE_TAG_STREAM_NAME_A; }
-
-inline std::string tagFor(const std::wstring& backingPath) {
-  RestoreTagRecord tag{};
-  const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::none, 0}, tag);
-  if (!fits) failWith("too long for a tag:", zan::hostPath(backingPath));
-  return {reinterpret_cast<const char*>(&tag), sizeof(tag)};
-}
-
-inline void write(const fs::path& file, const std::string& content) {
-  if (!(std::ofstream(file, std::ios::binary) << content).flush()) failWith("cannot write", file);
-}
-
-/// As the tool does it: unshared, and in one write.
-inline void writeTag(const fs::path& file, const std::string& tag, DWORD disposition = CREATE_NEW) {
-  const std::wstring name = zan::widePath(file) + RESTORE_TAG_STREAM;
-  const file_handle stream(CreateFileW(name.c_str(), GENERIC_ALL, 0, nullptr, disposition,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  DWORD written = 0;
-  WriteFile(stream.get(), tag.data(), static_cast<DWORD>(tag.size()), &written, nullptr);
-  if (!stream.isOpen() || written != tag.size()) failWith("cannot write the tag of", file);
-}
-
-inline HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
-  constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const HANDLE opened = CreateFileW(zan::widePath(file).c_str(), GENERIC_READ, share, nullptr,
-                                    OPEN_EXISTING, attributes, nullptr);
-  if (opened == INVALID_HANDLE_VALUE) failWith("cannot open", file);
-  return opened;
-}
+void writeTag(const fs::path& file, const std::string& tag, DWORD disposition = CREATE_NEW);
 
 /// A new folder in another one. Removes it, with its content.
 struct own_folder {
-  explicit own_folder(const fs::path& parent) {
-    for (int i = 1;
-         !fs::create_directory(path = parent / ("zan_filter_check-" + std::to_string(i)));)
-      ++i;
-  }
-  ~own_folder() {
-    std::error_code error;
-    for (int i = 0; i == 0 || (error && i < 50); ++i) {
-      if (i > 0) std::this_thread::sleep_for(20ms);  // the filter may still use it
-      fs::remove_all(path, error);
-    }
-    if (error) std::cerr << "zan_filter_check: could not remove " + zan::textOf(path) + '\n';
-  }
+  explicit own_folder(const fs::path& parent);
+  ~own_folder();
   own_folder(const own_folder&) = delete;
   own_folder& operator=(const own_folder&) = delete;
   fs::path path;
@@ -137,209 +83,70 @@ struct answer {
   std::string reply;
 };
 
-/// Provides the new files and messages to try statements. Backing files are named by their size.
-/// Anything that breaks the contract throws violation. Waits at most `limit` for an answer. Waits
-/// six times `limit` for the first file that makes no progress, and `limit` for each later one.
+/// What a statement is tried with: files, messages about them, and waiting. Anything that breaks
+/// the contract throws violation. Waits at most `limit` for an answer, six times `limit` for the
+/// first file that makes no progress, and `limit` for each later one.
 class trial {
  public:
-  using file_action = std::function<void(const fs::path&)>;
+  using file_action = std::function<void(const fs::path& file, std::uint64_t backingSize)>;
 
   /// Works in new folders in `parent` and in `backingParent`, which the filter calls `as`.
   trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
-        std::wstring port, std::chrono::seconds longest)
-      : folder(parent),
-        limit(longest),
-        backingFolder(backingParent),
-        portName(std::move(port)),
-        stallLimit(6 * longest) {
-    const std::wstring separator = as.find(L'\\') == as.npos ? L"/" : L"\\";
-    prefix = as + (as.ends_with(separator) ? L"" : separator);
-    prefix += zan::widePath(backingFolder.path.filename()) + separator;
-    fs::create_directory(backingFolder.path / "folder");
-  }
-
-  const own_folder folder;
+        std::wstring port, std::chrono::seconds longest);
   const std::chrono::seconds limit;
-  std::wstring prefix;           // of a backing file's path as the filter knows it
-  std::vector<std::string> log;  // what was sent, and what came
-  std::string choice;            // what the filter does where the contract leaves it open
 
-  /// Removes what the previous statement left.
-  void clear() {
-    log.clear();
-    choice.clear();
-    for (const auto& each : fs::directory_iterator(folder.path)) fs::remove(each.path());
-  }
+  /// Begins another statement: removes what the previous one left.
+  void clear();
+  /// What was sent and came; what the filter does where the contract leaves it open.
+  const std::vector<std::string>& log() const { return lines; }
+  const std::string& choice() const { return chosen; }
+  void choose(const std::string& what) { chosen = what; }
 
-  /// A backing file of random bytes; created at its first use.
-  fs::path backing(std::uint64_t size) const {
-    fs::path file = backingFolder.path / std::to_string(size);
-    if (fs::exists(file)) return file;
-    std::string bytes(size, '\0');
-    std::mt19937 random(static_cast<unsigned>(size));
-    for (char& each : bytes) each = static_cast<char>(random() >> 9);
-    write(file, bytes);
-    return file;
-  }
-  std::string tagOf(std::uint64_t size) const {
-    return tagFor(prefix + zan::widePath(backing(size).filename()));
-  }
-
-  /// The path of the next new file. newFile creates it, without or with a tag.
-  fs::path nextFile() const { return folder.path / ("file" + std::to_string(files + 1)); }
-  fs::path newFile() {
-    fs::path file = nextFile();
-    ++files;
-    write(file, "");
-    return file;
-  }
-  fs::path newFile(const std::string& tag) {
-    fs::path file = newFile();
-    writeTag(file, tag);
-    return file;
-  }
+  // Files. newFile() creates nextFile(), without or with a tag.
+  const fs::path& folder() const { return ownFolder.path; }
+  fs::path nextFile() const { return folder() / ("file" + std::to_string(files + 1)); }
+  fs::path newFile();
+  fs::path newFile(const std::string& tag);
   fs::path newFile(std::uint64_t backingSize) { return newFile(tagOf(backingSize)); }
+  void remove(const fs::path& file) const;
+  static void rename(const fs::path& file, const fs::path& name);  // with its tag
 
-  void remove(const fs::path& file) const {
-    fs::remove(file);
-    std::error_code error;
-    fs::remove(tagOn(file), error);  // if it is a file of its own
-    const auto end = steady_clock::now() + limit;
-    for (; fs::exists(file); pauseFor(20ms))
-      expect(steady_clock::now() < end, "a deleted file is gone within the time limit");
-  }
+  /// The path of a backing file as the filter knows it.
+  std::wstring backingPath(const std::wstring& name) const { return prefix + name; }
+  /// A backing file of random bytes, named by its size. Made anew if it was removed or cut.
+  fs::path backing(std::uint64_t size) const;
+  std::string tagOf(std::uint64_t backingSize) const;
 
-  static void rename(const fs::path& file, const fs::path& name) {
-    fs::rename(file, name);
-    if (fs::exists(tagOn(file))) fs::rename(tagOn(file), tagOn(name));
-  }
-
-  /// Connects with a context of `size` bytes, all `filling`. Returns the answer, and the port if it
-  /// is open.
-  std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0) {
-    log.push_back("connect with a context of size " + std::to_string(size) + ": ");
-    const auto came = answerOf([name = portName, context = std::string(size, filling)] {
-      HANDLE opened = INVALID_HANDLE_VALUE;
-      const HRESULT result = FilterConnectCommunicationPort(
-          name.c_str(), 0, context.empty() ? nullptr : context.data(),
-          static_cast<WORD>(context.size()), nullptr, &opened);
-      return std::pair(result, opened);
-    });
-    log.back() += hex(came.first);
-    return came;
-  }
-  HANDLE connect(char filling = 0) {
-    const auto [result, port] = tryConnect(RESTORE_FILTER_CONNECTION_CONTEXT_SIZE, filling);
-    if (result < 0) throw unanswered{{"a connection"}};
-    return port;
-  }
-
-  answer send(const fs::path& file, const request& what) {
-    static constexpr const char* names[] = {"ping", "start", "stop", "progress query"};
-    const file_handle port(connect());
-    file_handle opened(openFile(file));
-    const HANDLE handle = what.handle == INVALID_HANDLE_VALUE ? opened.get() : what.handle;
-    const bool isStart = what.operation == StartAggressiveRestore;
-    const RestoreStrategy strategy{RestoreStrategyKind(isStart ? 1 : what.unused),
-                                   isStart ? what.n : static_cast<std::int32_t>(what.unused)};
-    const ControlMessage message{
-        reinterpret_cast<std::uintptr_t>(handle), {what.operation, strategy}, what.unused};
-    const auto code = static_cast<std::uint32_t>(what.operation);
-    log.push_back((code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
-                  (handle == opened.get() ? zan::textOf(file.filename()) : "another handle") +
-                  (isStart ? ", n = " + std::to_string(what.n) : "") + ", " +
-                  std::to_string(what.size) + " bytes: ");
-    std::string bytes(std::max(what.size, sizeof(message)), '\0');
-    std::memcpy(bytes.data(), &message, sizeof(message));
-    bytes.resize(what.size);
-    if (what.isClosed) opened.close();
-    answer came =
-        answerOf([port = port.get(), bytes, reply = std::string(what.room, '\0')]() mutable {
-          DWORD returned = 0;
-          const HRESULT result = FilterSendMessage(
-              port, bytes.data(), static_cast<DWORD>(bytes.size()),
-              reply.empty() ? nullptr : reply.data(), static_cast<DWORD>(reply.size()), &returned);
-          reply.resize(std::min<std::size_t>(returned, reply.size()));
-          return answer{result, reply};
-        });
-    log.back() += hex(came.result);
-    if (what.room > 0) log.back() += ", reply of " + std::to_string(came.reply.size()) + " bytes";
-    expect(came.result <= 0, "S_OK or a failure code: for the tool, only S_OK is a success");
-    expect(came.result != HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE),
-           "any answer but 0x80070006, which looks like a lost connection");
-    return came;
-  }
-  HRESULT start(const fs::path& file, std::int32_t n = 4) {
-    return send(file, {StartAggressiveRestore, n}).result;
-  }
+  // Messages.
+  /// Connects with a context of `size` bytes, all `filling`. Returns the answer and the port.
+  std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0);
+  HANDLE connect(char filling = 0);
+  answer send(const fs::path& file, const request& what);
+  HRESULT start(const fs::path& file, std::int32_t n = 4);
+  ProgressInfo progress(const fs::path& file);
+  HRESULT query(const fs::path& file, ProgressInfo& info);  // the same, but may fail
+  /// Stops a file when a quarter of it is restored, or after 200 ms. Returns the progress before.
+  ProgressInfo stopLater(const fs::path& file);
   /// Sends a message about a new file; expects E_INVALIDARG.
   void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
 
-  ProgressInfo progress(const fs::path& file) {
-    ProgressInfo info{};
-    const answer came = send(file, {.operation = QueryProgress, .room = sizeof(info)});
-    expect(came.result, S_OK);
-    std::memcpy(&info, came.reply.data(), came.reply.size());
-    log.back() += ", " + std::to_string(info.progress) + " of " + std::to_string(info.total);
-    expect(info.progress <= info.total, "progress is at most total");
-    return info;
-  }
-
-  /// Sends. If it need not succeed, reports the answer as the filter's choice.
-  void tell(const fs::path& file, const request& what, bool mustSucceed) {
-    const HRESULT result = send(file, what).result;
-    choice = mustSucceed ? "" : hex(result);
-    if (mustSucceed) expect(result, S_OK);
-  }
-
-  /// Starts or continues a file, and waits until it is whole.
-  void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4) {
-    expect(start(file, n) == S_OK, "0x00000000 for the start");
-    untilWhole(file, backingSize);
-  }
-  void untilWhole(const fs::path& file, std::uint64_t backingSize) {
-    ProgressInfo last{};
-    for (auto since = steady_clock::now();; pauseFor(5ms)) {
-      const ProgressInfo now = progress(file);
-      expect(now.progress >= last.progress, "progress does not fall");
-      if (isWhole(now)) return expectContent(file, backingSize);
-      if (now.progress != last.progress) since = steady_clock::now();
-      last = now;
-      if (steady_clock::now() - since <= stallLimit) continue;
-      stallLimit = limit;  // once is enough to wait that long
-      throw violation{"more progress, until both numbers are equal and not 0"};
-    }
-  }
-  void expectContent(const fs::path& file, std::uint64_t backingSize) {
-    const std::string is = contentOf(file);
-    const std::string asked = contentOf(backing(backingSize));
-    if (is == asked) return;
-    const auto differ = std::mismatch(is.begin(), is.end(), asked.begin(), asked.end()).first;
-    log.push_back("the file has " + std::to_string(is.size()) + " bytes, its backing file " +
-                  std::to_string(backingSize) + "; the first difference is at byte " +
-                  std::to_string(differ - is.begin()));
-    throw violation{"the backing file's bytes when progress and total are equal"};
-  }
-
+  // Restorations.
+  /// Waits until the file is whole; then it must have the content of another file.
+  void untilWhole(const fs::path& file, const fs::path& as);
+  void expectContent(const fs::path& file, const fs::path& as);
+  /// Starts or continues a file. Then it must become whole.
+  void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4);
   /// Runs `action` on a file that was started, and is not whole before and after the action.
   /// Returns the file and the size of its backing file.
-  std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action) {
-    for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
-      const fs::path file = newFile(size);
-      expect(start(file) == S_OK, "0x00000000 for the start");
-      if (!isWhole(progress(file))) {
-        action(file);
-        if (!isWhole(progress(file))) return {file, size};
-      }
-      remove(file);  // a larger one takes longer
-    }
-    throw untried{"the filter restores 1 GiB before the next message reaches it"};
-  }
+  std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action, std::int32_t n = 4);
+  /// The first failure that a query tells, within `limit`; S_OK if the file becomes whole.
+  HRESULT failureOf(const fs::path& file);
 
- private:
-  // Runs `call`, which owns all that it uses, in a thread. Abandons that thread after `limit`.
+  /// Logs `what`, and runs `call`, which owns all that it uses, in a thread. Abandons that thread
+  /// after `limit`, and throws unanswered.
   template <typename Call>
-  std::invoke_result_t<Call> answerOf(Call call) {
+  std::invoke_result_t<Call> withinLimit(const std::string& what, Call call) {
+    lines.push_back(what + ": ");
     std::packaged_task<std::invoke_result_t<Call>()> task(std::move(call));
     auto result = task.get_future();
     std::thread worker(std::move(task));
@@ -348,19 +155,20 @@ class trial {
       if (!isInterrupted && steady_clock::now() < end) continue;
       worker.detach();
       if (isInterrupted) throw interruption{};
-      log.back() += "no answer";
+      lines.back() += "no answer";
       throw unanswered{{"an answer within the time limit"}};
     }
     worker.join();
     return result.get();
   }
 
-  static bool isWhole(const ProgressInfo& info) {
-    return info.total != 0 && info.progress == info.total;
-  }
-
+ private:
+  const own_folder ownFolder;
   const own_folder backingFolder;
   const std::wstring portName;
+  std::wstring prefix;  // of a backing file's path as the filter knows it
   std::chrono::seconds stallLimit;
+  std::vector<std::string> lines;
+  std::string chosen;
   int files = 0;
 };

@@ -31,17 +31,20 @@ struct read_share {
 
 struct chunk {
   std::uint64_t offset;
+  std::size_t size;
   std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(chunkSize);
-  ssize_t size = 0;
   HRESULT result = S_OK;
 };
 
-// Reads `size` bytes, or fewer if the system wants it so.
 chunk readChunk(const descriptor& file, std::uint64_t offset, std::size_t size) {
-  chunk read{offset};
-  read.size = pread(file.get(), read.bytes.get(), size, static_cast<off_t>(offset));
-  if (read.size < 0) read.result = loggedFailure("pread", file);
-  if (read.size == 0) read.result = changed;  // it has become shorter
+  chunk read{offset, size};
+  for (std::size_t done = 0; done < size && read.result == S_OK;) {
+    const ssize_t count =
+        pread(file.get(), &read.bytes[done], size - done, static_cast<off_t>(offset + done));
+    if (count < 0) read.result = loggedFailure("pread", file);
+    if (count == 0) read.result = changed;  // it has become shorter
+    done += static_cast<std::size_t>(count);
+  }
   return read;
 }
 
@@ -120,15 +123,15 @@ HRESULT restoration::fill() {
     const HRESULT result = read.result == S_OK ? write(read.bytes.get(), read.size) : read.result;
     if (result != S_OK) return result;
     // Sends the chunk to the disk already: a sync then has little to wait for.
-    sync_file_range(files->local.get(), static_cast<off_t>(read.offset), read.size,
-                    SYNC_FILE_RANGE_WRITE);
+    sync_file_range(files->local.get(), static_cast<off_t>(read.offset),
+                    static_cast<off_t>(read.size), SYNC_FILE_RANGE_WRITE);
   }
   return S_OK;
 }
 
 // Writes at the position unless stopped, perhaps not all; no bytes cut the file there. A chunk of
 // zeros at the file's end is not written: the file only becomes longer, by a hole.
-HRESULT restoration::write(const char* bytes, ssize_t size) {
+HRESULT restoration::write(const char* bytes, std::size_t size) {
   const std::lock_guard lock(writing);
   if (!isRunning()) return S_OK;
   const int local = files->local.get();
@@ -137,14 +140,14 @@ HRESULT restoration::write(const char* bytes, ssize_t size) {
   if (fstat(local, &status) != 0) return loggedFailure("fstat", files->local);
   if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   if (status.st_size < offset) return changed;
-  const auto length = static_cast<std::size_t>(size);
-  if (size == 0 || (status.st_size == offset && bytes[0] == 0 &&
-                    std::memcmp(bytes, bytes + 1, length - 1) == 0)) {
-    if (ftruncate(local, offset + size) != 0) return loggedFailure("ftruncate", files->local);
+  auto count = static_cast<ssize_t>(size);
+  const bool isAtEnd = status.st_size == offset;
+  if (size == 0 || (isAtEnd && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0)) {
+    if (ftruncate(local, offset + count) != 0) return loggedFailure("ftruncate", files->local);
   } else {
-    size = pwrite(local, bytes, length, offset);
-    if (size < 0) return loggedFailure("pwrite", files->local);
+    count = pwrite(local, bytes, size, offset);
+    if (count < 0) return loggedFailure("pwrite", files->local);
   }
-  position += static_cast<std::uint64_t>(size);
+  position += static_cast<std::uint64_t>(count);
   return S_OK;
 }

@@ -68,7 +68,7 @@ class restoration : public std::enable_shared_from_this<restoration> {
   void run();
   HRESULT restore();
   HRESULT fill();
-  HRESULT write(const char* bytes, ssize_t size);
+  HRESULT write(const char* bytes, std::size_t size);
 
   const std::string backingPath;
   const file_stamp backingStamp;  // when the pass began

@@ -107,11 +107,11 @@ HRESULT progress_record::read(const descriptor& local, std::uint64_t size) {
   const bool isRecord = header.mark == mark;
   const bool fits =
       header.isWhole <= 1 && found == bytesOf({mark, content.local, header.isWhole, header.length});
-  // An empty stream is that of a restoration which was killed before it began.
+  // An empty stream is that of a restoration which has not begun yet, or was killed before.
   if ((!found.empty() && !isRecord) || (size > 0 && !fits)) {
     return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
   }
-  isStale = isRecord && !fits;
+  isStale = result == S_OK && !fits;
   if (!fits) return S_OK;
   content = header;
   // The process that saved it may have been killed before it synced it.

@@ -63,7 +63,7 @@ class progress_record {
   layout content;
   std::string backingPath;
   std::string found;     // what read() has found in the stream
-  bool isStale = false;  // that is a record, but does not fit
+  bool isStale = false;  // there is a stream, but it does not fit
   descriptor stream;
   descriptor tag;  // until it is synced
 };
