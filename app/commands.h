@@ -11,8 +11,7 @@
 
 /// Sets up a restore: creates `file`, empty and new, and gives it the tag stream with
 /// `backingPath` and `strategy`. After a failure it tries to delete the file again. It never
-/// touches an existing file, except for this: if `file` is NAME:STREAM, it adds that stream to
-/// NAME.
+/// touches an existing file, unless Windows reads the name in another way (docs/failures.md).
 int prepareRestore(std::wstring file, std::wstring backingPath, const RestoreStrategy& strategy);
 
 /// Sends `request` (ping, start or stop) to the restore filter's port for the volume that holds the

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <locale>
 
 namespace zan {
 namespace {
@@ -13,6 +14,10 @@ bool isHighSurrogate(wchar_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 wide_output::wide_output() : output(GetStdHandle(STD_OUTPUT_HANDLE)) {
   DWORD mode = 0;
   isConsole = GetConsoleMode(output, &mode) != FALSE;
+  // Microsoft's library makes these two at the first number that is printed. Without memory the
+  // program had then created a file already, and would print no more.
+  static_cast<void>(std::use_facet<std::num_put<wchar_t>>(std::wcout.getloc()));
+  static_cast<void>(std::use_facet<std::numpunct<wchar_t>>(std::wcout.getloc()));
   setp(units.data(), units.data() + units.size());
   previous = std::wcout.rdbuf(this);
 }

@@ -29,7 +29,7 @@ endif()
 
 if(ZAN_SANITIZE)
   # GCC 12 sees uninitialized values in std::regex as soon as it is instrumented.
-  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+  add_compile_options(-fsanitize=${ZAN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
                       $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
-  add_link_options(-fsanitize=address,undefined)
+  add_link_options(-fsanitize=${ZAN_SANITIZE})
 endif()

@@ -10,7 +10,7 @@ namespace zan::fsfilter {
 /// The parts are wide texts, and at most one number, which follows std::hex. Writes nothing if
 /// memory for the line is lacking. Never throws.
 template <typename... Parts>
-void traceLine(const Parts&... parts) noexcept {
+void traceLine(Parts&&... parts) noexcept {
   try {
     std::wstringstream line;
     (line << ... << parts) << std::endl;

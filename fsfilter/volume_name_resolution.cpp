@@ -15,7 +15,7 @@
 namespace zan::fsfilter {
 namespace {
 
-// UTF-16 code units. A buffer is doubled as long as it stays below the largest: up to 266,240.
+// UTF-16 code units. The buffer is doubled as long as it stays below the largest: up to 266,240.
 constexpr std::size_t smallestDeviceBuffer = MAX_PATH;
 constexpr std::size_t largestDeviceBuffer = 1024 * 1024 / 2;
 
@@ -26,8 +26,9 @@ std::wstring_view textIn(std::span<const wchar_t> buffer) noexcept {
   return {buffer.data(), wcsnlen(buffer.data(), buffer.size())};
 }
 
-void traceQuery(DWORD error, const wchar_t* volume) noexcept {
+bool traceQuery(DWORD error, const wchar_t* volume) noexcept {
   traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
+  return false;
 }
 
 // Closes the search, if it was opened.
@@ -40,24 +41,28 @@ struct volume_search {
   HANDLE handle = INVALID_HANDLE_VALUE;
 };
 
-// Whether `deviceName` is the first device of `volume`, "\\?\Volume{GUID}". `devices` takes the
-// names of its devices and grows as needed.
-bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
-                std::vector<wchar_t>& devices) {
+// If `deviceName` is the first device of `volume`, "\\?\Volume{GUID}", sets `volumeId`. `devices`
+// takes the names of its devices and grows as needed. False also if there is no memory for that.
+bool resolve(const wchar_t* volume, const std::wstring& deviceName, std::vector<wchar_t>& devices,
+             std::wstring& volumeId) try {
+  if (devices.empty()) devices.resize(smallestDeviceBuffer);
   for (;;) {
     std::fill(devices.begin(), devices.end(), L'\0');
     if (QueryDosDeviceW(volume + prefix.size(), devices.data(),
                         static_cast<DWORD>(devices.size())) != 0) {
-      return deviceName == textIn(devices);
+      const bool isFound = deviceName == textIn(devices);
+      if (isFound) volumeId = volume + prefix.size();
+      return isFound;
     }
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer) {
-      traceQuery(error, volume);
-      return false;
+      return traceQuery(error, volume);
     }
     devices = std::vector<wchar_t>(larger);
   }
+} catch (const std::bad_alloc&) {
+  return traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume);
 }
 
 }  // namespace
@@ -65,32 +70,25 @@ bool isDeviceOf(const wchar_t* volume, const std::wstring& deviceName,
 void FilterInstanceInfo::resolveVolumeId() noexcept {
   volumeId.clear();
   std::array<wchar_t, MAX_PATH> volume{};
+  std::vector<wchar_t> devices;
   volume_search search;
-  try {
-    std::vector<wchar_t> devices(smallestDeviceBuffer);
-    search.handle = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
-    if (search.handle == INVALID_HANDLE_VALUE) {
-      traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
-      return;
-    }
-    do {
-      // Skips every name that does not have the form \\?\NAME\.
-      const std::wstring_view name = textIn(volume);
-      const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
-                            name.starts_with(prefix) && name.ends_with(L'\\');
-      if (isVolume) volume[name.size() - 1] = L'\0';
-      if (isVolume && isDeviceOf(volume.data(), volumeDeviceName, devices)) {
-        volumeId = volume.data() + prefix.size();
-        return;
-      }
-      volume.fill(L'\0');
-    } while (FindNextVolumeW(search.handle, volume.data(), static_cast<DWORD>(volume.size())));
-    const DWORD error = GetLastError();
-    if (error != ERROR_NO_MORE_FILES && error != ERROR_MORE_DATA) {
-      traceLine(L"FindNextVolume failed: hr = 0x", std::hex, error);
-    }
-  } catch (const std::bad_alloc&) {
-    traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume.data());
+  search.handle = FindFirstVolumeW(volume.data(), static_cast<DWORD>(volume.size()));
+  if (search.handle == INVALID_HANDLE_VALUE) {
+    traceLine(L"FindFirstVolume falied: hr = 0x", std::hex, GetLastError());
+    return;
+  }
+  do {
+    // Skips every name that does not have the form \\?\NAME\.
+    const std::wstring_view name = textIn(volume);
+    const bool isVolume = name.size() > prefix.size() + 1 && name.size() < volume.size() &&
+                          name.starts_with(prefix) && name.ends_with(L'\\');
+    if (isVolume) volume[name.size() - 1] = L'\0';
+    if (isVolume && resolve(volume.data(), volumeDeviceName, devices, volumeId)) return;
+    volume.fill(L'\0');
+  } while (FindNextVolumeW(search.handle, volume.data(), static_cast<DWORD>(volume.size())));
+  const DWORD error = GetLastError();
+  if (error != ERROR_NO_MORE_FILES && error != ERROR_MORE_DATA) {
+    traceLine(L"FindNextVolume failed: hr = 0x", std::hex, error);
   }
 }
 

@@ -94,7 +94,9 @@ HRESULT readTag(const descriptor& local, std::string& backingPath) {
   if (path.find(L'\0') != path.npos) return malformed;
   backingPath.resize(3 * units);
   backingPath.resize(encodeUtf8(path.data(), units, backingPath.data(), backingPath.size()));
-  return S_OK;
+  std::wstring decoded(backingPath.size(), L'\0');
+  decoded.resize(decodeUtf8(backingPath.data(), backingPath.size(), decoded.data()));
+  return decoded == path ? S_OK : malformed;  // a surrogate that stands for no byte
 }
 
 HRESULT progress_record::read(const descriptor& local, std::uint64_t size) {

@@ -45,9 +45,9 @@ def port_of(path):
 
 
 def tool(*words, program=(TOOL,), **options):
-    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "env": ENVIRONMENT, **options}
-    done = subprocess.run([*EMULATOR, *program, *words], timeout=60, encoding="utf-8", errors="surrogateescape",
-                          **options)
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "env": ENVIRONMENT,
+               "timeout": 600 if program == [CHECK] else 60, **options}
+    done = subprocess.run([*EMULATOR, *program, *words], encoding="utf-8", errors="surrogateescape", **options)
     return done.returncode, done.stdout
 
 
@@ -178,6 +178,7 @@ class story(unittest.TestCase):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
         self.enterContext(contextlib.chdir(self.folder))
         os.mkdir("back")
+        self.log = self.enterContext(tempfile.TemporaryFile("w+"))
         self.content = os.urandom(3 * 1024 * 1024 + 5)
         Path("back/data").write_bytes(self.content)
 
@@ -186,25 +187,29 @@ class story(unittest.TestCase):
         subprocess.run(["mount", "-t", kind, "-o", options, source, folder], check=True)
         self.addCleanup(subprocess.run, ["umount", folder], stderr=subprocess.DEVNULL)
 
-    def start_filter(self, *prefix, folder="."):
+    def start_filter(self, *prefix, folder=".", mayFail=False):
         """Starts a filter with few descriptors, which is given the folder twice. Returns whether it runs."""
         self.filter = subprocess.Popen(
-            ["prlimit", "--nofile=50:100", *prefix, FILTER, "--drive", "C=back", "--share", r"\\srv\share=back",
-             folder, folder], stdout=subprocess.PIPE, text=True, start_new_session=True)
+            ["prlimit", "--nofile=50:100", *prefix, FILTER, "--log", "--drive", "C=back", "--share", r"\\srv\share=back",
+             folder, folder], stdout=subprocess.PIPE, stderr=self.log, text=True, start_new_session=True)
         self.addCleanup(self.stop_filter, self.filter)
         lines = [self.filter.stdout.readline() for _ in (1, 2)]
         traced = Path("/proc/%d/task/%d/children" % ((self.filter.pid,) * 2)).read_text().split()
         self.filter_pid = int((traced or [self.filter.pid])[0])
-        return lines == ["%s: %s\n" % (folder, port_of(folder))] * 2
+        isRunning = lines == ["%s: %s\n" % (folder, port_of(folder))] * 2
+        self.assertTrue(isRunning or mayFail, lines)
+        return isRunning
 
     def stop_filter(self, running):
         with contextlib.suppress(ProcessLookupError):
             os.killpg(running.pid, signal.SIGKILL)
+        with contextlib.suppress(ValueError):  # closed already
+            running.stdout.read()  # until the traced filter has ended too, not only strace
         running.wait()
         running.stdout.close()
 
     def limit_descriptors(self, count):
-        resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, count))
+        resource.prlimit(self.filter_pid, resource.RLIMIT_NOFILE, (count, 100))
 
     def count_of_filter(self, kind):
         return len(os.listdir("/proc/%d/%s" % (self.filter_pid, kind)))
@@ -356,10 +361,12 @@ class ControlUnderWine(story):
 class WithRestoreFilter(story):
     def setUp(self):
         super().setUp()
-        self.assertTrue(self.start_filter())
+        self.start_filter()
 
     def tearDown(self):
         self.assertEqual(send("--ping", "back/data"), 0)  # it has survived
+        self.log.seek(0)
+        self.assertIn("ping %s/back/data: 0x00000000\n" % self.folder, self.log.read())
         self.filter.send_signal(signal.SIGTERM)
         self.assertEqual(self.filter.wait(20), 0)
 
@@ -373,7 +380,7 @@ class WithRestoreFilter(story):
         self.assertEqual(os.listdir("back"), ["data"])
 
     def test_obeys_no_tag_that_others_may_have_chosen(self):
-        changes = [lambda name, tag: os.chmod(tag, 0o620), lambda name, tag: os.link(tag, "link")]
+        changes = [lambda name, tag: os.chmod(tag, 0o620), lambda name, tag: os.chmod(tag, 0o602), lambda name, tag: os.link(tag, "link")]
         if IS_ROOT:
             changes += [lambda name, tag: os.chown(tag, 65534, 0), lambda name, tag: os.chown(name, 65534, 0)]
         for index, change in enumerate(changes):
@@ -397,7 +404,7 @@ class WithRestoreFilter(story):
         fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
         signal.signal(signal.SIGIO, signal.SIG_IGN)
         for index, (backing, expected) in enumerate((
-                ("d:\\data", NO_PATH), (r"\\srv\other\data", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
+                ("d:\\data", NO_PATH), (r"\\srv\other\data", NO_PATH), (r"\\srv\shareXdata", NO_PATH), ("data", NO_PATH), ("c:\\..\\back\\data", DENIED),
                 ("c:\\out", DENIED), ("c:\\leased", LEASED))):
             self.set_up_file(str(index), backing)
             self.start(str(index), 2, expected)
@@ -487,17 +494,18 @@ class WithRestoreFilter(story):
             eventually(lambda: by != signal.SIGKILL or progress("local")[0] > 1 << 20)
             self.filter.send_signal(by)
             self.filter.wait(20)
-            self.assertTrue(self.start_filter())
+            self.start_filter()
             self.assertEqual(progress("local")[0], 0)
 
         self.set_up_huge("local")
         for by in (signal.SIGTERM, signal.SIGTERM, signal.SIGKILL):  # the first two before the first byte
             ends(by)
+        opened = self.count_of_filter("fd")
         self.start("local")
         eventually(lambda: progress("local")[0] > 1 << 20)
         self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
         self.assertGreater(progress("local")[0], 1 << 20)
-        eventually(lambda: self.count_of_filter("task") == 1)  # its last sync is done
+        eventually(lambda: self.count_of_filter("fd") <= opened)  # its last sync is done
         os.rename("back/data", "back/huge")
         self.assertEqual(progress("local"), (0, len(self.content)))
         self.start("local")
@@ -521,7 +529,7 @@ class WithRestoreFilter(story):
         name = "ntfs/local"
         for options, answer in ("umask=022", NOT_SUPPORTED), ("streams_interface=windows,umask=022", 0):
             self.mount("ntfs-3g", "image", "ntfs", options)
-            self.assertTrue(self.start_filter(folder="ntfs"))
+            self.start_filter(folder="ntfs")
             self.set_up_file(name)
             self.start(name, 2, answer)
             eventually(lambda: progress(name) == (answer or (len(self.content),) * 2))
@@ -541,7 +549,7 @@ class WithRestoreFilter(story):
                          (1, "volume is: %s\nchecking instance for volume: %s - "
                              "\\Device\\HarddiskVolume%d\nno filter instance found for %s\n"
                           % (volume_of("sm all\\"), volume_of("."), os.stat(".").st_dev, local)))
-        self.assertTrue(self.start_filter(folder="sm all\\"))
+        self.start_filter(folder="sm all\\")
         self.start(local)
         eventually(lambda: progress(local) == FULL)
         self.assertTrue(self.content.startswith(Path(local).read_bytes()))
@@ -588,6 +596,10 @@ class WithPeer(story):
             self.assertEqual(send("--ping", "back/data"), BAD_HANDLE)
         self.assertEqual(packets, [b""])
         self.assertEqual(lines, [REFUSED % port_of(".")])
+        os.chmod(self.folder, 0o755)
+        shutil.copy(TOOL, "tool")
+        with peer(OK, OK):  # root's
+            self.assertEqual(send("--ping", "back/data", program=["./tool"], user=65534), 0)
 
     def test_check_sees_what_programs_read_and_write(self):
         self.set_up_file("template")
@@ -605,7 +617,13 @@ class WithPeer(story):
             stream.listen()
             self.assertEqual(tool("--progress", "back/data"),
                              (1, "no filter instance found for back/data\nqueryProgress failed\n"))
-        self.assertEqual(lines, ["FilterInstanceFindFirst failed: status = 0x801f0013\n"])
+            os.mkfifo("fifo")
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, contextlib.suppress(BlockingIOError):
+                other.setblocking(False)
+                while True:
+                    other.sendto(b"until the monitor takes no more", "\0DBWIN_BUFFER")
+            self.assertEqual(tool("--progress", "fifo")[0], 1)  # waits for neither
+        self.assertEqual(lines[0], "FilterInstanceFindFirst failed: status = 0x801f0013\n")
 
     def test_check_tells_what_is_wrong(self):
         os.mkdir("files")
@@ -640,7 +658,7 @@ class WithFailingCalls(story):
 
     def test_lives_on(self):
         for call, uses in self.CALLS.items():
-            for error, use in itertools.product(("EIO", "EINTR", "ENOMEM"), range(1, uses + 1)):
+            for error, use in itertools.product(("EIO", "EINTR"), range(1, uses + 1)):
                 with self.subTest(call=call, error=error, use=use):
                     self.live_through("inject=%s:error=%s:when=%d" % (call, error, use))
 
@@ -648,7 +666,7 @@ class WithFailingCalls(story):
         for name in ("local", "local:restore_filter_tag"):
             Path(name).unlink(missing_ok=True)
         self.set_up_file("local")
-        if self.start_filter(*STRACE, fault):
+        if self.start_filter(*STRACE, fault, mayFail=True):
             for _ in range(30):  # strace fails the call once per thread, and every start makes new threads
                 send("--startAggressiveRestore", "local", "2")
                 now = progress("local")
@@ -694,6 +712,7 @@ class WithFailingCalls(story):
             self.start_filter(*STRACE, "inject=fdatasync:" + fault)
             self.start("local")
             eventually(lambda: os.path.getsize("local") == len(self.content))
+            threads = self.count_of_filter("task")
             self.start("local", 2, BUSY)
             change()
             for _ in (1, 2):
@@ -706,7 +725,7 @@ class WithFailingCalls(story):
                 if end != CHANGED:
                     self.start("local")
                     self.assertLess(*progress("local"))
-                    self.assertEqual(self.count_of_filter("task"), 2)  # no second thread: the start woke the one that still syncs
+                    self.assertLessEqual(self.count_of_filter("task"), threads)  # no second one: the start woke the one that still syncs
             eventually(lambda: progress("local") == end)
             self.stop_filter(self.filter)
             for name in ("local", tag, "local:restore_filter_progress"):
@@ -714,16 +733,20 @@ class WithFailingCalls(story):
 
     def test_stops_and_limits_while_reads_are_slow(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")
-        self.limit_descriptors(30)
         names = ["file%d" % i for i in range(20)]
+        opened = self.count_of_filter("fd")
         for name in names:
             self.set_up_file(name)
         # When descriptors run out, starts are refused, but queries are answered.
-        self.assertEqual({send("--startAggressiveRestore", name, "1") for name in names}, {0, TOO_MANY})
-        for word in ("--ping", "--progress", "--stopAggressiveRestore"):
-            self.assertEqual({send(word, name) for name in names}, {0})
+        for limit in range(28, 33):
+            self.limit_descriptors(limit)
+            answers = {send("--startAggressiveRestore", name, "1") for name in names}
+            self.assertEqual(answers | {0, BUSY}, {0, BUSY, TOO_MANY})
+            for word in ("--ping", "--progress"):
+                self.assertEqual({send(word, name) for name in names}, {0})
+        self.assertEqual({send("--stopAggressiveRestore", name) for name in names}, {0})
         stopped = [os.path.getsize(name) for name in names]
-        eventually(lambda: self.count_of_filter("task") == 1)  # when the reads that were begun are done
+        eventually(lambda: self.count_of_filter("fd") <= opened)  # when the reads that were begun are done
         self.assertEqual([os.path.getsize(name) for name in names], stopped)
         for name in names:
             eventually(lambda: send("--startAggressiveRestore", name, "1") == 0)
@@ -733,6 +756,11 @@ class WithFailingCalls(story):
         self.start_filter(*STRACE, "inject=pread64:retval=5000")
         status, output = tool("--timeout", "5", ".", "back", program=[CHECK])
         self.assertEqual((status, output.count("\nnot ok") > 30), (1, True))
+
+    def test_tries_to_print_each_line(self):
+        with open("/dev/full", "w") as full:
+            tool("--ping", "back/data", program=["strace", "-e", "write", "-o", "calls", TOOL], stdout=full)
+        self.assertEqual(len(re.findall(r"write\(1, .*ENOSPC", Path("calls").read_text())), 2)
 
     def test_interrupted_check_leaves_nothing(self):
         self.start_filter(*STRACE, "inject=pread64:delay_enter=300ms")

@@ -31,6 +31,9 @@ void expectWholeWorld(const std::wstring& words, const codes& failing, int alloc
   EXPECT_TRUE(world.open.empty());
   for (const std::string& call : world.calls) {
     EXPECT_EQ(call.find(" ?"), call.npos) << "a closed handle was used: " << call;
+    const bool mayBeInvalid =
+        call.starts_with("FilterInstanceFindClose") || call.starts_with("FilterSend");
+    EXPECT_TRUE(mayBeInvalid || call.find(" invalid") == call.npos) << call;
   }
   const auto portClosed = std::find(world.calls.begin(), world.calls.end(), "CloseHandle port");
   EXPECT_TRUE(portClosed == world.calls.end() ||
@@ -51,6 +54,9 @@ void expectWholeWorld(const std::wstring& words, const codes& failing, int alloc
     EXPECT_TRUE(isKept || (tag != world.files.end()) == hasSucceeded);
   }
   EXPECT_EQ(done.status, hasSucceeded ? 0 : 1) << done.output;
+  // A lookup that managed without the memory has said so.
+  const bool isLookup = done.output.find("no filter instance") != done.output.npos;
+  EXPECT_FALSE(isLookup && failing.contains("none") && world.traces.empty());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@ function Get-TagPath([string] $File) {
     $tag = [IO.File]::ReadAllBytes("${File}:restore_filter_tag")
     [Text.Encoding]::Unicode.GetString($tag, 36, [BitConverter]::ToUInt16($tag, 26))
 }
-$encoding = [Console]::OutputEncoding.WebName
 
 # A list, run twice. A file with the tag of its row continues, any other existing file is refused.
 Set-Content taken 'mine'
@@ -70,8 +69,12 @@ Confirm-That 'no ping of a file that is not there' (-not (Test-ZanRestore missin
 New-ZanRestore untouched 'c:\data' -WhatIf
 Confirm-That 'WhatIf' (-not (Test-Path untouched))
 Confirm-That 'stop says nothing' ($null -eq (Stop-ZanRestore one))
-Confirm-That 'completion' ((TabExpansion2 'zan_restore --st' 16).CompletionMatches.Count -eq 2)
-Confirm-That 'help' ((Get-Help Wait-ZanRestore).Synopsis -match '^Waits')
-Confirm-That 'the encoding of the console' ([Console]::OutputEncoding.WebName -eq $encoding)
+New-Item -ItemType Directory fake | Out-Null
+Set-Content fake/zan_restore '#!/bin/sh', 'case $1 in --progress) echo "progress: 0xfffffffffffffffe of 0xffffffffffffffff"; exit ;; esac',
+    '[ -e refused ] && exit; : > refused; echo "0x800705aa[a diagnosis]"; exit 1'
+chmod +x fake/zan_restore
+$env:PATH = "$PWD/fake:/usr/bin:/bin"
+Confirm-That 'a start is tried again after 800705aa' (@(Start-ZanRestore one -ConcurrentReads 1 -ErrorAction Stop).Count -eq 1)
+Confirm-That 'at most 99 %' ((Get-ZanRestoreProgress one).PercentComplete -eq 99)
 $env:PATH = ''
 Confirm-That 'a tool that is not there' ("$(try { Test-ZanRestore one } catch { $_ })" -match 'neither beside the module')

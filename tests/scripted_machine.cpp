@@ -330,7 +330,7 @@ HRESULT WINAPI FilterConnectCommunicationPort(LPCWSTR name, DWORD options, LPCVO
   const call made("FilterConnectCommunicationPort", name, options,
                   std::span(static_cast<const BYTE*>(context), size));
   const auto result = HRESULT(made.code.value_or(S_OK));
-  if (result >= 0) *port = opened(L"port");
+  *port = result >= 0 ? opened(L"port") : reinterpret_cast<HANDLE>(0x5A5A);
   return result;
 }
 

@@ -19,8 +19,8 @@ namespace {
 constexpr std::string_view defaultStreamType = ":$DATA";
 
 // The path, without ":$DATA", of the latest stream that this process created. If streams are
-// separate files, deleting the main file also deletes this one, but no stream that somebody else
-// created.
+// separate files, deleting a file also deletes this one, but no stream that somebody else created.
+// The program deletes only the file of that stream.
 char createdStream[PATH_MAX];
 
 // Removes the type from a stream's name, FILE:STREAM:$DATA. False for the invalid forms, FILE:$DATA
@@ -108,10 +108,6 @@ BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD
 BOOL DeleteFileW(LPCWSTR path) {
   host_string host(path);
   dropStreamType(host);
-  const std::string_view stream(createdStream);
-  const std::string_view name(host.bytes, host.size);
-  if (stream.starts_with(name) && stream.find(':', name.size()) == name.size()) {
-    unlink(createdStream);
-  }
+  unlink(createdStream);
   return unlink(host.bytes) == 0 || failsWithErrno();
 }

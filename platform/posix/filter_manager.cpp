@@ -28,7 +28,7 @@ namespace {
 
 constexpr std::string_view altitude = "180000";
 
-struct instance_search {
+struct instance_list {
   std::string filterName;
   std::vector<dev_t> devices;
   std::size_t next = 0;
@@ -68,14 +68,13 @@ std::vector<BYTE> recordFor(const std::string& filterName, dev_t device) {
   auto& mini = header.Type.MiniFilter;
   place(filterName + " Instance", record, mini.InstanceNameLength, mini.InstanceNameBufferOffset);
   place(altitude, record, mini.AltitudeLength, mini.AltitudeBufferOffset);
-  place("\\Device\\HarddiskVolume" + std::to_string(device), record, mini.VolumeNameLength,
-        mini.VolumeNameBufferOffset);
+  place(deviceNameOf(device), record, mini.VolumeNameLength, mini.VolumeNameBufferOffset);
   place(filterName, record, mini.FilterNameLength, mini.FilterNameBufferOffset);
   std::memcpy(record.data(), &header, sizeof(header));
   return record;
 }
 
-HRESULT nextInstance(instance_search& search, LPVOID buffer, DWORD size, LPDWORD returned) {
+HRESULT nextInstance(instance_list& search, LPVOID buffer, DWORD size, LPDWORD returned) {
   if (search.next == search.devices.size()) return HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS);
   const std::vector<BYTE> record = recordFor(search.filterName, search.devices[search.next]);
   if (record.size() > size) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
@@ -113,7 +112,7 @@ bool isTrusted(int port) {
 HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, LPVOID buffer,
                                 DWORD size, LPDWORD returned, LPHANDLE search) {
   try {
-    auto found = std::make_unique<instance_search>();
+    auto found = std::make_unique<instance_list>();
     found->filterName = host_string(filterName).bytes;
     std::string sockets;
     if (!readProcFile("/proc/net/unix", sockets)) return hostFailure();
@@ -130,7 +129,7 @@ HRESULT FilterInstanceFindFirst(LPCWSTR filterName, INSTANCE_INFORMATION_CLASS, 
 HRESULT FilterInstanceFindNext(HANDLE search, INSTANCE_INFORMATION_CLASS, LPVOID buffer, DWORD size,
                                LPDWORD returned) {
   try {
-    return nextInstance(*static_cast<instance_search*>(search), buffer, size, returned);
+    return nextInstance(*static_cast<instance_list*>(search), buffer, size, returned);
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
@@ -138,7 +137,7 @@ HRESULT FilterInstanceFindNext(HANDLE search, INSTANCE_INFORMATION_CLASS, LPVOID
 
 // A search that found nothing has no handle.
 HRESULT FilterInstanceFindClose(HANDLE search) {
-  if (search != INVALID_HANDLE_VALUE) delete static_cast<instance_search*>(search);
+  if (search != INVALID_HANDLE_VALUE) delete static_cast<instance_list*>(search);
   return S_OK;
 }
 

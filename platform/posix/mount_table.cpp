@@ -96,6 +96,10 @@ std::string volumeIdOf(dev_t device) {
   return std::string(idPrefix) + digits + '}';
 }
 
+std::string deviceNameOf(dev_t device) {
+  return "\\Device\\HarddiskVolume" + std::to_string(device);
+}
+
 std::optional<dev_t> deviceOfVolumeId(std::string_view id) {
   if (id.size() != idPrefix.size() + idDigits + 1 || !id.starts_with(idPrefix)) return std::nullopt;
   const char* const digits = id.data() + idPrefix.size();

@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::string_view volumePrefix = "\\\\?\\";
 
-struct volume_search {
+struct volume_list {
   std::vector<dev_t> devices;
   std::size_t next = 0;
 };
@@ -80,7 +80,7 @@ BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DW
 
 HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
   const HANDLE volumes = guarded([&]() -> HANDLE {
-    auto search = std::make_unique<volume_search>();
+    auto search = std::make_unique<volume_list>();
     std::vector<mount_entry> mounts;
     if (!readMounts(mounts)) {
       failsWithErrno();
@@ -98,7 +98,7 @@ HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD size) {
 }
 
 BOOL FindNextVolumeW(HANDLE volumes, LPWSTR volumeName, DWORD size) {
-  auto* const search = static_cast<volume_search*>(volumes);
+  auto* const search = static_cast<volume_list*>(volumes);
   if (search->next == search->devices.size()) return failsWith(ERROR_NO_MORE_FILES);
   return guarded([&]() -> BOOL {
     return answerVolumeName(search->devices[search->next++], volumeName, size);
@@ -106,7 +106,7 @@ BOOL FindNextVolumeW(HANDLE volumes, LPWSTR volumeName, DWORD size) {
 }
 
 BOOL FindVolumeClose(HANDLE volumes) {
-  delete static_cast<volume_search*>(volumes);
+  delete static_cast<volume_list*>(volumes);
   return TRUE;
 }
 
@@ -116,7 +116,7 @@ DWORD QueryDosDeviceW(LPCWSTR name, LPWSTR devices, DWORD size) {
     const std::optional<dev_t> device = deviceOfVolumeId({id.bytes, id.size});
     if (!device) return failsWith(ERROR_FILE_NOT_FOUND);
     // A list of names: each ends in a zero, the list in another.
-    const std::string text = "\\Device\\HarddiskVolume" + std::to_string(*device) + '\0';
+    const std::string text = deviceNameOf(*device) + '\0';
     if (!answer(text, devices, size)) return failsWith(ERROR_INSUFFICIENT_BUFFER);
     return static_cast<DWORD>(text.size() + 1);
   });

@@ -26,7 +26,7 @@ function(windows_executable name description)
     # /MANIFEST:NO: the manifest is a resource. 0x800: DLLs are looked for only in System32.
     target_link_options(${name} PRIVATE
       /SUBSYSTEM:CONSOLE /ENTRY:wmainCRTStartup /MANIFEST:NO /DEPENDENTLOADFLAG:0x800
-      /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT /DEBUG /OPT:REF /OPT:ICF)
+      /HIGHENTROPYVA /DYNAMICBASE /NXCOMPAT /DEBUG /PDBALTPATH:%_PDB% /OPT:REF /OPT:ICF)
     install(FILES $<TARGET_PDB_FILE:${name}> DESTINATION . COMPONENT symbols)
   else()
     target_sources(${name} PRIVATE platform/windows/delayed_fltlib.cpp)
