@@ -16,10 +16,14 @@ install(FILES docs/decisions.md docs/failures.md docs/first-hour-on-windows.md d
     docs/restore-filter-contract.md
   DESTINATION ${ZAN_DOCUMENTS}/docs)
 install(DIRECTORY docs/images DESTINATION ${ZAN_DOCUMENTS}/docs)
+install(FILES bench/README.md DESTINATION ${ZAN_DOCUMENTS}/bench)
 if(WIN32)
   install(DIRECTORY powershell/ZanRestore DESTINATION .) # the module looks for the tool in its parent folder
 else()
   install(DIRECTORY powershell DESTINATION ${ZAN_DOCUMENTS})
+  # The documents link to the header.
+  file(CREATE_LINK ../../../include ${PROJECT_BINARY_DIR}/include SYMBOLIC)
+  install(FILES ${PROJECT_BINARY_DIR}/include DESTINATION ${ZAN_DOCUMENTS})
   install(FILES completions/zan_restore DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
   # Compressed as Debian wants it: the same bytes at every build.
   function(compressed file name component folder)
@@ -72,9 +76,9 @@ else()
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "\
 It tags files so that the restore filter, a Windows file-system minifilter
-driver, fills them from a backing data file. The volume needs named streams,
-as on NTFS. It also sends the filter requests: ping, start and stop of
-aggressive restoration, and progress.
+driver, fills them from a backing data file. It also sends the filter
+requests: ping, start and stop of aggressive restoration, and progress. To
+prepare a volume for Windows, mount it with named streams (ntfs-3g).
 
 It comes with the header and the documents for people who write a
 restore filter.")

@@ -55,7 +55,7 @@ foreach ($row in @(
     @({ New-ZanRestore 'foo ' 'c:\data' }, 'ends in a dot or a space', 0x80070057),
     @({ New-ZanRestore new '' }, 'failed without output', 0x80004005),
     @({ New-ZanRestore no/folder 'c:\x' }, 'create local file failed: 3', 0x80070003),
-    @({ Start-ZanRestore taken -ConcurrentReads 4 }, 'message not sent to port', 0x80070490),
+    @({ Start-ZanRestore taken -ConcurrentReads 4 }, "taken: message not sent to port \(0x80070490\)`$", 0x80070490),
     @({ Start-ZanRestore one -ConcurrentReads 0 }, 'message not sent to port', 0x80070057),
     @({ Stop-ZanRestore taken }, 'message not sent to port', 0x80070490),
     @({ Get-ZanRestoreProgress missing }, 'Cannot open local file', 0x80004005),
@@ -64,6 +64,7 @@ foreach ($row in @(
     try { & $row[0] | Out-Null } catch { $caught = $_ }
     Confirm-That "the error of $($row[0]): $caught" ("$caught" -match $row[1] -and $caught.Exception.HResult -eq $row[2])
 }
+try { Stop-ZanRestore taken } catch { Confirm-That 'the output' ($_.Exception.Data['Output'] -match 'volume is:[\s\S]*0x80070490\[') }
 Confirm-That 'an error leaves no file' (-not (Test-Path new))
 Confirm-That 'no ping of a file that is not there' (-not (Test-ZanRestore missing))
 New-ZanRestore untouched 'c:\data' -WhatIf

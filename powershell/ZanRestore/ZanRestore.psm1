@@ -86,10 +86,14 @@ function Resolve-File([string] $Path, $Cmdlet) {
     $file
 }
 
-# Writes one non-terminating error for a file, with the tool's output and its HRESULT.
+# Writes one non-terminating error for a file: the line of the tool's output that says what failed,
+# and the HRESULT. The entire output is in the exception's data.
 function Write-Failure([string] $File, [string] $Text, [int] $HResult, [string] $Id, $Cmdlet) {
     if ($Text -eq '') { $Text = 'zan_restore failed without output. If this was a set-up: is the backing path empty or too long?' }
-    $failure = [Runtime.InteropServices.ExternalException]::new("${File}: $Text", $HResult)
+    $what = @($Text -split '\r?\n' -match '^(create|writing|Cannot|no filter|message not)') + $Text
+    $what = $what[0] -replace '(?<=^message not sent to port).*'
+    $failure = [Runtime.InteropServices.ExternalException]::new(('{0}: {1} (0x{2:x8})' -f $File, $what, $HResult), $HResult)
+    $failure.Data['Output'] = $Text
     $Cmdlet.WriteError([Management.Automation.ErrorRecord]::new($failure, $Id, 'NotSpecified', $File))
 }
 
@@ -175,6 +179,12 @@ function New-ZanRestore {
     .DESCRIPTION
     An existing file is never touched. If it already has a tag for the same backing file, it is
     returned, so you can run a list again. Any other existing file is an error.
+
+    Each error says which file failed, what failed, and the HRESULT. To see the tool's entire output:
+    $Error[0].Exception.Data['Output']. The HRESULT alone is in $Error[0].Exception.HResult.
+
+    To undo a set-up, run Stop-ZanRestore and Remove-Item. On Linux, if the file system has no named
+    streams, remove FILE:restore_filter_tag and FILE:restore_filter_progress too.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER BackingPath
@@ -191,7 +201,8 @@ function New-ZanRestore {
     .EXAMPLE
     Import-Csv list.csv | New-ZanRestore | Start-ZanRestore -ConcurrentReads 4 | Wait-ZanRestore
 
-    Sets up, starts and waits for all files of a list with the columns File and Backing.
+    Sets up, starts and waits for all files of a list. Its columns are File (or Path, or FullName),
+    Backing (or BackingPath) and, if you like, ConcurrentReads.
     #>
     [CmdletBinding(SupportsShouldProcess)]
     [OutputType([IO.FileInfo])]
@@ -227,8 +238,8 @@ function Start-ZanRestore {
     Like all functions that ask the filter, this needs an elevated console. It returns when the
     restoration has begun. Wait-ZanRestore waits for its end. A file that is already being restored
     is returned too. If the filter has reached its limit of open files, memory or other resources,
-    the function tries again until the filter takes the file. If all files that the function has
-    started are whole, it writes an error instead.
+    the function tries again until the filter takes the file. Once all files of this call are whole
+    and the filter still refuses, it writes an error.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
