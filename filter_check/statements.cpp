@@ -86,7 +86,9 @@ void expectFailure(trial& t, const fs::path& file) {
 
 void expectUnchanged(const fs::path& file) {
   const std::string content = contentOf(file);
-  for (const auto end = steady_clock::now() + 1000ms; steady_clock::now() < end; pauseFor(10ms)) {
+  const auto end = steady_clock::now() + 1s;
+  while (steady_clock::now() < end) {
+    pauseFor(10ms);
     expect(contentOf(file) == content, "the same content for one second");
   }
 }
