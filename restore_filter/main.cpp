@@ -28,8 +28,7 @@ constexpr const char* usageText =
     "its port until SIGINT or SIGTERM. Serves only the user it runs as. A file belongs to its\n"
     "restoration until it is whole: what a program writes into it before may be lost.\n"
     "--drive, --share: FOLDER stands for the drive or the share in the paths of backing files.\n"
-    "--log prints to standard error each well-formed message, and unexpected failures of system\n"
-    "calls on files.\n";
+    "--log prints to standard error each well-formed message, and failed system calls on files.\n";
 
 // Makes a folder stand for a drive, "L=FOLDER", or for a share, "\\SERVER\SHARE=FOLDER".
 void add(backing_folders& folders, bool isDrive, const std::string& given) {

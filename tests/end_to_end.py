@@ -409,6 +409,11 @@ class WithRestoreFilter(story):
             self.set_up_file(str(index), backing)
             self.start(str(index), 2, expected)
         os.close(leased)
+        shutil.copy("back/data", "back/\ufffd")
+        self.set_up_file("odd", "c:\\x")
+        with open("odd:restore_filter_tag", "r+b") as tag:
+            os.pwrite(tag.fileno(), b"\0\xd8", 48)  # a surrogate in place of the x
+        self.start("odd", 2, 0x8007000D)
         self.set_up_file("locked")
         with open("locked") as locked:
             fcntl.flock(locked, fcntl.LOCK_EX)

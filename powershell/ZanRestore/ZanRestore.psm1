@@ -180,8 +180,9 @@ function New-ZanRestore {
     An existing file is never touched. If it already has a tag for the same backing file, it is
     returned, so you can run a list again. Any other existing file is an error.
 
-    Each error says which file failed, what failed, and the HRESULT. To see the tool's entire output:
-    $Error[0].Exception.Data['Output']. The HRESULT alone is in $Error[0].Exception.HResult.
+    An error of the tool says which file failed, what failed, and the HRESULT (0x80004005 if the tool
+    gave no code). To see the tool's entire output: $Error[0].Exception.Data['Output']. The HRESULT
+    alone is in $Error[0].Exception.HResult.
 
     To undo a set-up, run Stop-ZanRestore and Remove-Item. On Linux, if the file system has no named
     streams, remove FILE:restore_filter_tag and FILE:restore_filter_progress too.
@@ -192,7 +193,7 @@ function New-ZanRestore {
     Nothing checks that the file exists.
     .PARAMETER ConcurrentReads
     How many concurrent reads you want. The tag records this number, and that the entire file is to
-    be restored. With 0, the default, it records neither. A list can have a column ConcurrentReads.
+    be restored. With 0, the default, the tag records neither. A list can have a column ConcurrentReads.
     The set-up starts nothing: Start-ZanRestore has its own ConcurrentReads.
     .OUTPUTS
     System.IO.FileInfo: the file.
@@ -238,8 +239,8 @@ function Start-ZanRestore {
     Like all functions that ask the filter, this needs an elevated console. It returns when the
     restoration has begun. Wait-ZanRestore waits for its end. A file that is already being restored
     is returned too. If the filter has reached its limit of open files, memory or other resources,
-    the function tries again until the filter takes the file. Once all files of this call are whole
-    and the filter still refuses, it writes an error.
+    the function tries again until the filter takes the file. If all other files of this call are
+    whole and the filter still refuses, the function writes an error.
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .PARAMETER ConcurrentReads
@@ -317,7 +318,7 @@ function Test-ZanRestore {
     .PARAMETER Path
     The local file. A relative path starts at the current location.
     .OUTPUTS
-    System.Boolean. -Verbose shows the tool's output: if false, it says why.
+    System.Boolean. If it is false, use -Verbose: the tool's output says why.
     .EXAMPLE
     Get-ChildItem d:\vm\*.vhd | Where-Object { -not (Test-ZanRestore $_ -Verbose) }
     #>
