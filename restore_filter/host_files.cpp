@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -13,7 +12,8 @@
 
 HRESULT stampOf(const descriptor& file, file_stamp& stamp) {
   struct statx status {};
-  if (statx(file.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
+  constexpr int flags = AT_EMPTY_PATH | AT_STATX_FORCE_SYNC;  // for a network file system
+  if (statx(file.get(), "", flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
     return loggedFailure("statx", file);
   }
   const auto& [modified, changed] = std::pair(status.stx_mtime, status.stx_ctime);
@@ -26,6 +26,15 @@ HRESULT stampOf(const descriptor& file, file_stamp& stamp) {
     stamp.identity[2] = status.stx_btime.tv_nsec;
   }
   return S_OK;
+}
+
+bool isDeleted(const struct stat& status, const descriptor& file) {
+  // FUSE keeps a deleted file that is open under another name, with its link.
+  const std::string path = status.st_nlink == 0 ? "" : pathOf(file);
+  struct stat named {};
+  return status.st_nlink == 0 ||
+         (path.ends_with(" (deleted)") &&
+          (stat(path.c_str(), &named) != 0 || named.st_ino != status.st_ino));
 }
 
 HRESULT syncData(const descriptor& file) {

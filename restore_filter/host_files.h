@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <windows.h>
 
@@ -27,6 +28,9 @@ struct file_stamp {
 
 /// Returns S_OK, or why statx failed as an HRESULT.
 HRESULT stampOf(const descriptor& file, file_stamp& stamp);
+
+/// Whether an open file, with this status, was deleted.
+bool isDeleted(const struct stat& status, const descriptor& file);
 
 /// fdatasync(2). S_OK, or why it failed.
 HRESULT syncData(const descriptor& file);

@@ -53,6 +53,7 @@ descriptor stopSignals() {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGXFSZ, SIG_IGN);  // a file size limit makes a write fail
+  std::signal(SIGPIPE, SIG_IGN);  // so does a log that nobody reads any more
   return descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 

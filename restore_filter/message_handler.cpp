@@ -28,9 +28,9 @@ HRESULT takeFile(pid_t sender, std::uint64_t handle, descriptor& path) {
   return errno == ENOENT ? E_INVALIDARG : loggedFailure("open", link);
 }
 
-// The progress of a file that is not whole: below the total. 0 of 0 would be taken for no answer.
+// The progress of a file that is not whole: below the total.
 ProgressInfo unfinished(std::uint64_t restored, std::uint64_t total) {
-  return total == 0 ? ProgressInfo{1, 1} : ProgressInfo{std::min(restored, total - 1), total};
+  return {std::min(restored, std::max(total, 1UL) - 1), std::max(total, 1UL)};
 }
 
 }  // namespace
@@ -109,9 +109,14 @@ HRESULT message_handler::start(target& local, const RestoreStrategy& how) {
   if (flock(writable.get(), LOCK_EX | LOCK_NB) != 0) {
     return errno == EWOULDBLOCK ? busy : loggedFailure("flock", writable);
   }
-  result = record.open(writable);
-  if (result != S_OK) return result;
-  if (!work || !work->canContinue(local.backingPath, local.backingStamp, local.stamp.size)) {
+  // The other one may have changed it before. And overlayfs makes it another file now.
+  result = stampOf(writable, local.stamp);
+  record = progress_record(local.stamp.identity, local.backingPath);
+  if (result == S_OK) result = record.read(writable, local.stamp.size);
+  if (result == S_OK && !record.isWhole()) result = record.open(writable);
+  if (result != S_OK || record.isWhole()) return result;
+  if (!work || !work->canContinue(local.backingPath, local.backingStamp, record.number(),
+                                  local.stamp.size)) {
     work = std::make_shared<restoration>(local.backingPath, local.backingStamp);
   }
   jobs.insert_or_assign(local.stamp.key(), work);
@@ -141,10 +146,10 @@ HRESULT message_handler::queryProgress(target& local, ProgressInfo& progress) co
   progress_record record(local.stamp.identity, local.backingPath);
   result = record.read(local.file, local.stamp.size);
   if (result == S_OK && !record.isWhole()) result = openBacking(local);
-  const bool isStopped =
-      work && work->canContinue(local.backingPath, local.backingStamp, local.stamp.size);
+  const bool isStopped = work && work->canContinue(local.backingPath, local.backingStamp,
+                                                   record.number(), local.stamp.size);
   progress = unfinished(isStopped ? work->restored() : 0, local.backingStamp.size);
-  if (record.isWhole()) progress.progress = progress.total = std::max(record.length(), 1UL);
+  if (record.isWhole()) progress.progress = progress.total = std::max(record.number(), 1UL);
   return result;
 }
 
@@ -171,10 +176,17 @@ std::shared_ptr<restoration> message_handler::restorationOf(const target& local)
 
 void message_handler::closeEnded() {
   std::size_t ended = 0;
-  std::erase_if(jobs, [&](const auto& each) {
-    restoration& work = *each.second;
-    if (!work.hasEnded()) return false;
+  auto oldest = jobs.end();
+  for (auto next = jobs.begin(); next != jobs.end();) {
+    const auto each = next++;
+    restoration& work = *each->second;
+    if (!work.hasEnded()) continue;
     work.close();
-    return work.isWhole() || ++ended > mostRemembered;
-  });
+    if (work.isWhole()) {
+      jobs.erase(each);
+    } else if (++ended == 1 || work.number() < oldest->second->number()) {
+      oldest = each;
+    }
+  }
+  if (ended > mostRemembered) jobs.erase(oldest);
 }

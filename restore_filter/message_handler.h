@@ -31,8 +31,8 @@ class message_handler {
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Closes the files of the restorations that have ended. Remembers where 1,000 of them were
-  /// stopped, or why they failed.
+  /// Closes the files of the restorations that have ended. Remembers where the latest 1,000 of them
+  /// were stopped, or why they failed.
   void closeEnded();
 
  private:

@@ -12,7 +12,8 @@
 
 /// The communication ports of all instances, one per volume, and their connections. Serves only its
 /// own user. A slow or silent client delays nobody, nor does a slow read of a backing file or a
-/// slow sync. But if opening or writing a file blocks, every client waits.
+/// slow sync of a restoration. But if opening or writing a file blocks, or the sync of a whole
+/// file's record, every client waits.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <future>
@@ -16,6 +17,7 @@
 namespace {
 
 const HRESULT changed = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);  // by somebody else
+constexpr HRESULT skipped = 1;                                   // it was stopped
 constexpr std::uint64_t chunkSize = 512 * 1024;                  // bytes of one read
 
 // Each restoration has one read of its own and takes more from this pool. All buffers of the pool
@@ -50,10 +52,18 @@ chunk readChunk(const descriptor& file, std::uint64_t offset, std::size_t size) 
 
 }  // namespace
 
+std::uint64_t restoration::passNumber() {
+  return static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+}
+
 HRESULT restoration::start(restoration_files with, int n) {
   files = std::move(with);
   reads = n;
   now = state::running;
+  if (total() == 0) {
+    run();
+    return failed;
+  }
   try {
     std::thread([self = shared_from_this()] { self->run(); }).detach();
     return S_OK;
@@ -77,25 +87,29 @@ bool restoration::wake(int n) {
 void restoration::run() {
   for (;;) {
     failed = restore();
-    if (failed != S_OK || isWhole()) now = state::ended;
-    if (hasEnded() || change(state::stopped, state::ended)) return;
+    if (failed != S_OK || isWhole()) {
+      now = state::ended;
+      return;
+    }
+    if (change(state::stopped, state::ended)) return;
   }
 }
 
 // Restores until the file is whole, something fails, or it is stopped.
 HRESULT restoration::restore() try {
-  HRESULT result = position == 0 ? files->record.saveBegun() : S_OK;
+  HRESULT result = files->record.saveBegun(pass);
   if (result == S_OK && position == 0) result = write(nullptr, 0);  // drops an earlier pass's bytes
+  if (result != S_OK) return result == skipped ? S_OK : result;
   while (result == S_OK && position < total() && isRunning()) result = fill();
   // After a failed sync nobody knows which bytes were lost. So even a stopped pass syncs.
-  if (result == S_OK) result = syncData(files->local);
+  if (result == S_OK || result == skipped) result = syncData(files->local);
   if (result != S_OK || position < total()) return result;
   file_stamp local, backing;
   result = stampOf(files->local, local);
   if (result == S_OK) result = stampOf(files->backing, backing);
   if (result != S_OK) return result;
   if (local.size != position || backing != backingStamp) return changed;
-  return files->record.saveWhole(position);
+  return files->record.saveWhole(files->local, position);
 } catch (const std::exception&) {
   return E_OUTOFMEMORY;
 }
@@ -133,12 +147,12 @@ HRESULT restoration::fill() {
 // zeros at the file's end is not written: the file only becomes longer, by a hole.
 HRESULT restoration::write(const char* bytes, std::size_t size) {
   const std::lock_guard lock(writing);
-  if (!isRunning()) return S_OK;
+  if (!isRunning()) return skipped;
   const int local = files->local.get();
   const auto offset = static_cast<off_t>(position);
   struct stat status {};
   if (fstat(local, &status) != 0) return loggedFailure("fstat", files->local);
-  if (status.st_nlink == 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+  if (isDeleted(status, files->local)) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   if (status.st_size < offset) return changed;
   auto count = static_cast<ssize_t>(size);
   const bool isAtEnd = status.st_size == offset;

@@ -36,7 +36,7 @@ class restoration : public std::enable_shared_from_this<restoration> {
       : backingPath(std::move(pathOfBacking)), backingStamp(stampOfBacking) {}
 
   /// Begins, or continues after it has ended, with at most n reads at a time. S_OK, or
-  /// E_OUTOFMEMORY as long as no thread is to be had.
+  /// E_OUTOFMEMORY as long as no thread is to be had. From an empty backing file it ends at once.
   HRESULT start(restoration_files with, int n);
   /// After this returns, nothing is written into the local file. Waits for no sync and no read.
   void stop();
@@ -56,20 +56,25 @@ class restoration : public std::enable_shared_from_this<restoration> {
   /// Once it has ended: why, S_OK if it was stopped or the file is whole.
   HRESULT failure() const { return failed; }
   bool isWhole() const { return failed == S_OK && position == total(); }
-  /// Whether it was stopped on this pass, in a file of this size, which nobody has cut.
-  bool canContinue(const std::string& path, const file_stamp& stamp, std::uint64_t size) const {
-    return isPassOver(path, stamp) && failed == S_OK && size >= position;
+  /// Whether it was stopped on this pass, of which the record speaks, and nobody has cut the file.
+  bool canContinue(const std::string& path, const file_stamp& stamp, std::uint64_t recorded,
+                   std::uint64_t localSize) const {
+    return isPassOver(path, stamp) && failed == S_OK && recorded == pass && localSize >= position;
   }
+  /// Its number. Later passes have higher ones, also those of other processes.
+  std::uint64_t number() const { return pass; }
 
  private:
   enum class state { running, stopped, ended };
 
+  static std::uint64_t passNumber();
   bool change(state from, state to) { return now.compare_exchange_strong(from, to); }
   void run();
   HRESULT restore();
   HRESULT fill();
   HRESULT write(const char* bytes, std::size_t size);
 
+  const std::uint64_t pass = passNumber();
   const std::string backingPath;
   const file_stamp backingStamp;  // when the pass began
   std::optional<restoration_files> files;

@@ -102,18 +102,20 @@ HRESULT readTag(const descriptor& local, std::string& backingPath) {
 HRESULT progress_record::read(const descriptor& local, std::uint64_t size) {
   descriptor opened;
   HRESULT result = openStream(local, recordName, O_RDONLY, opened);
+  std::string found;
   if (result == S_OK) result = readFrom(opened, sizeof(content) + backingPath.size(), found);
   if (result != S_OK && result != none) return result;
   layout header{};
   std::memcpy(&header, found.data(), std::min(sizeof(header), found.size()));
   const bool isRecord = header.mark == mark;
-  const bool fits =
-      header.isWhole <= 1 && found == bytesOf({mark, content.local, header.isWhole, header.length});
-  // An empty stream is that of a restoration which has not begun yet, or was killed before.
-  if ((!found.empty() && !isRecord) || (size > 0 && !fits)) {
+  fits =
+      header.isWhole <= 1 && found == bytesOf({mark, content.local, header.isWhole, header.number});
+  // An empty one is that of a restoration which has not begun yet, or was killed before. A crash
+  // can leave zeros.
+  const bool isBlank = found.find_first_not_of('\0') == found.npos;
+  if ((!isBlank && !isRecord) || (size > 0 && !fits)) {
     return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
   }
-  isStale = result == S_OK && !fits;
   if (!fits) return S_OK;
   content = header;
   // The process that saved it may have been killed before it synced it.
@@ -122,25 +124,29 @@ HRESULT progress_record::read(const descriptor& local, std::uint64_t size) {
 
 HRESULT progress_record::open(const descriptor& local) {
   HRESULT result = openStream(local, RESTORE_TAG_STREAM_NAME_A, O_RDONLY, tag);
-  // Replaces an old one: the restoration of an earlier file of this name may still write into it.
-  const int flags = O_RDWR | O_CREAT | (isStale ? O_EXCL : 0);
-  if (result == S_OK) result = openStream(local, recordName, flags, stream);
-  std::string now;
-  if (result == S_OK) result = readFrom(stream, sizeof(content) + backingPath.size(), now);
-  if (result == S_OK && now != (isStale ? "" : found)) result = HRESULT_FROM_WIN32(ERROR_BUSY);
-  return result;
+  // Replaces one that does not fit: the restoration of an earlier file of this name may still write
+  // into it. Even if there is none, FUSE may still know one of an earlier file.
+  const int flags = O_RDWR | (fits ? 0 : O_CREAT | O_EXCL);
+  return result == S_OK ? openStream(local, recordName, flags, stream) : result;
 }
 
-HRESULT progress_record::saveBegun() {
+HRESULT progress_record::saveBegun(std::uint64_t pass) {
   const HRESULT result = tag.isOpen() ? syncData(tag) : S_OK;
   if (result != S_OK) return result;
   tag = descriptor();  // somebody may want to replace it
+  content.number = pass;
   return save();
 }
 
-HRESULT progress_record::saveWhole(std::uint64_t length) {
+HRESULT progress_record::saveWhole(const descriptor& local, std::uint64_t length) {
+  // Opened again: the name may have changed hands, and ntfs-3g finds an open stream by its name.
+  std::string now;
+  HRESULT result = openStream(local, recordName, O_RDWR, stream);
+  if (result == S_OK) result = readFrom(stream, sizeof(content) + backingPath.size(), now);
+  if (result != S_OK) return result;
+  if (now != bytesOf(content)) return HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
   const layout begun = std::exchange(content, {mark, content.local, 1, length});
-  const HRESULT result = save();
+  result = save();
   if (result == S_OK) return result;
   content = begun;
   save();

@@ -34,25 +34,25 @@ class progress_record {
   /// record fits, or if there is none that does and the file is empty. ERROR_FILE_EXISTS as an
   /// HRESULT if the file has content but no record that fits, or if the stream is no record.
   HRESULT read(const descriptor& local, std::uint64_t size);
-  /// Opens the stream for saving. Replaces a record that does not fit. ERROR_BUSY as an HRESULT if
-  /// the stream has changed since it was read.
+  /// Opens the stream for saving. Replaces one that does not fit.
   HRESULT open(const descriptor& local);
-  /// Saves that the restoration has begun, and syncs the tag and the record.
-  HRESULT saveBegun();
+  /// Saves that this pass of the restoration has begun, and syncs the tag and the record.
+  HRESULT saveBegun(std::uint64_t pass);
   /// Saves and syncs that the file is whole, with this length. After a failure, it has begun.
-  HRESULT saveWhole(std::uint64_t length);
+  /// ERROR_FILE_INVALID as an HRESULT if the file's stream does not say that this pass has begun.
+  HRESULT saveWhole(const descriptor& local, std::uint64_t length);
 
   /// Whether the restoration is finished. After that nothing is written into the file.
   bool isWhole() const { return content.isWhole != 0; }
-  /// Of a whole file, its length when it became whole.
-  std::uint64_t length() const { return content.length; }
+  /// Of a whole file, its length when it became whole; otherwise the pass that has begun, or 0.
+  std::uint64_t number() const { return content.number; }
 
  private:
   struct layout {  // the backing path follows it, up to the end of the stream
     std::uint64_t mark;
     file_identity local;
     std::uint64_t isWhole;  // 0 or 1
-    std::uint64_t length;   // 0 until it is whole
+    std::uint64_t number;   // of the pass; the length, once the file is whole
   };
   static_assert(sizeof(layout) == 48);
   static constexpr std::uint64_t mark = 0x316472636572667a;  // "zfrecrd1"
@@ -62,8 +62,7 @@ class progress_record {
 
   layout content;
   std::string backingPath;
-  std::string found;     // what read() has found in the stream
-  bool isStale = false;  // there is a stream, but it does not fit
+  bool fits = false;  // there is a stream, and it is the record of this file and backing path
   descriptor stream;
   descriptor tag;  // until it is synced
 };

@@ -409,6 +409,11 @@ class WithRestoreFilter(story):
             self.set_up_file(str(index), backing)
             self.start(str(index), 2, expected)
         os.close(leased)
+        Path("back/none").touch()
+        self.set_up_file("empty", "c:\\none")
+        self.assertEqual(progress("empty"), (0, 1))
+        self.start("empty")
+        self.assertEqual(progress("empty"), (1, 1))  # at once
         shutil.copy("back/data", "back/\ufffd")
         self.set_up_file("odd", "c:\\x")
         with open("odd:restore_filter_tag", "r+b") as tag:
@@ -712,6 +717,7 @@ class WithFailingCalls(story):
         for fault, change, end in (
                 ("delay_enter=1s:when=3", lambda: None, (len(self.content),) * 2), ("error=EIO:delay_enter=1s:when=4", lambda: None, IO_ERROR),
                 ("delay_enter=1s:when=3", lambda: os.truncate("local", 5), CHANGED),
+                ("delay_enter=1s:when=3", lambda: os.truncate("local:restore_filter_progress", 0), CHANGED),
                 ("delay_enter=1s:when=3", lambda: os.utime("back/data", (0, 0)), CHANGED)):
             self.set_up_file("local")
             self.start_filter(*STRACE, "inject=fdatasync:" + fault)
