@@ -375,7 +375,8 @@ class WithRestoreFilter(story):
         for words in ([".", "back"], [".", "back", "c:\\"]):
             status, output = tool("--timeout", "60", *words, program=[CHECK])
             self.assertEqual((status, re.findall(r"\nnot ok.*(?:\n#  .*)*", output)), (0, []))
-            self.assertRegex(output, r"\n# (\d+) statements: \d+ passed, 0 failed, 13 skipped\n\Z")
+            # Up to 5 of the 13 are tried if a file is complete, but its last sync takes long.
+            self.assertRegex(output, r"\n# (\d+) statements: \d+ passed, 0 failed, ([89]|1[0-3]) skipped\n\Z")
         self.assertEqual(sorted(os.listdir()), ["back"])
         self.assertEqual(os.listdir("back"), ["data"])
 
