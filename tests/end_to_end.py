@@ -517,6 +517,9 @@ class WithRestoreFilter(story):
         self.assertEqual(send("--stopAggressiveRestore", "local"), 0)
         self.assertGreater(progress("local")[0], 1 << 20)
         eventually(lambda: self.count_of_filter("fd") <= opened)  # its last sync is done
+        with open("local:restore_filter_progress", "r+b") as record:
+            os.pwrite(record.fileno(), bytes(7) + b"x", 40)  # another stand-in has begun a pass of its own
+        self.assertEqual(progress("local")[0], 0)
         os.rename("back/data", "back/huge")
         self.assertEqual(progress("local"), (0, len(self.content)))
         self.start("local")
