@@ -3,27 +3,21 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <random>
 #include <stdexcept>
 
+#include "filter_check/files.h"
+#include "platform/file_handle.h"
+#include "platform/wide_path.h"
 #include "restore/nt_path.h"
 #include "restore/tag_record.h"
 
-namespace {
-
-[[noreturn]] void failWith(const std::string& what, const fs::path& file) {
-  throw std::runtime_error(what + ' ' + zan::textOf(file));
-}
-
-void write(const fs::path& file, const std::string& content) {
-  if (!(std::ofstream(file, std::ios::binary) << content).flush()) failWith("cannot write", file);
-}
-
-bool isEnd(const ProgressInfo& info) { return info.total != 0 && info.progress == info.total; }
-
-}  // namespace
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using zan::file_handle;
+using enum ControlOperation;
 
 void pauseFor(std::chrono::milliseconds time) {
   std::this_thread::sleep_for(time);
@@ -36,59 +30,30 @@ std::string hex(HRESULT result) {
   return text;
 }
 
-std::string contentOf(const fs::path& file, std::uint64_t offset, std::size_t size) {
-  std::error_code error;
-  const std::uintmax_t end = fs::file_size(file, error);
-  std::string bytes(error || end < offset ? 0 : std::min(size, end - offset), '\0');
-  std::ifstream stream(file, std::ios::binary);
-  stream.seekg(static_cast<std::streamoff>(offset));
-  stream.read(bytes.data(), std::ssize(bytes));
-  bytes.resize(static_cast<std::size_t>(stream.gcount()));
-  return bytes;
-}
-
-void writeInto(const fs::path& file, std::uint64_t offset, const std::string& content) {
-  std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
-  if (!(stream.seekp(static_cast<std::streamoff>(offset)) << content).flush()) {
-    failWith("cannot write into", file);
-  }
-}
-
-HANDLE openFile(const fs::path& file, DWORD attributes) {
-  constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const HANDLE opened = CreateFileW(zan::widePath(file).c_str(), GENERIC_READ, share, nullptr,
-                                    OPEN_EXISTING, attributes, nullptr);
-  if (opened == INVALID_HANDLE_VALUE) failWith("cannot open", file);
-  return opened;
-}
+bool isEnd(const ProgressInfo& info) { return info.total != 0 && info.progress == info.total; }
 
 std::string tagFor(const std::wstring& backingPath) {
   RestoreTagRecord tag{};
-  const bool fits = buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::none, 0}, tag);
-  if (!fits) failWith("too long for a tag:", zan::hostPath(backingPath));
+  if (!buildTagRecord(toNtPath(backingPath), {RestoreStrategyKind::none, 0}, tag)) {
+    throw std::runtime_error("too long for a tag: " + zan::textOf(zan::hostPath(backingPath)));
+  }
   return {reinterpret_cast<const char*>(&tag), sizeof(tag)};
 }
 
-void writeTag(const fs::path& file, const std::string& tag, DWORD disposition) {
-  const std::wstring name = zan::widePath(file) + RESTORE_TAG_STREAM;
-  const file_handle stream(CreateFileW(name.c_str(), GENERIC_ALL, 0, nullptr, disposition,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  DWORD written = 0;
-  WriteFile(stream.get(), tag.data(), static_cast<DWORD>(tag.size()), &written, nullptr);
-  if (!stream.isOpen() || written != tag.size()) failWith("cannot write the tag of", file);
-}
-
 own_folder::own_folder(const fs::path& parent) {
+  std::error_code error;
   int i = 1;
   do path = parent / ("zan_filter_check-" + std::to_string(i++));
-  while (!fs::create_directory(path));
+  while (!fs::create_directory(path, error) && !error);
+  if (error)
+    throw std::runtime_error("cannot create " + zan::textOf(path) + ": " + error.message());
 }
 
 own_folder::~own_folder() {
   std::error_code error;
   fs::remove_all(path, error);
-  for (int i = 0; error && i < 50; fs::remove_all(path, error), ++i) {
-    std::this_thread::sleep_for(20ms);  // the filter may still use it
+  for (int i = 0; error && i < 200; fs::remove_all(path, error), ++i) {
+    std::this_thread::sleep_for(50ms);  // the filter may still use it
   }
   if (error) std::cerr << "zan_filter_check: could not remove " + zan::textOf(path) + '\n';
 }
@@ -96,40 +61,31 @@ own_folder::~own_folder() {
 trial::trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
              std::wstring port, std::chrono::seconds longest)
     : limit(longest),
-      ownFolder(parent),
       backingFolder(backingParent),
+      ownFolder(parent),
       portName(std::move(port)),
-      stallLimit(6 * longest) {
+      stallLimit(6 * longest),
+      waitLimit(6 * longest) {
   const std::wstring separator = as.find(L'\\') == as.npos ? L"/" : L"\\";
   prefix = as + (as.ends_with(separator) ? L"" : separator);
   prefix += zan::widePath(backingFolder.path.filename()) + separator;
-  fs::create_directory(backingFolder.path / "folder");
+  std::error_code error;
+  fs::create_directory(backingFolder.path / "folder", error);
 }
 
 void trial::clear() {
   lines.clear();
   chosen.clear();
-  for (const auto& each : fs::directory_iterator(folder())) fs::remove(each.path());
-}
-
-fs::path trial::backing(std::uint64_t size) const {
-  fs::path file = backingFolder.path / std::to_string(size);
-  if (fs::exists(file) && fs::file_size(file) == size) return file;
-  std::string bytes(size, '\0');
-  std::mt19937 random(static_cast<unsigned>(size));
-  for (char& each : bytes) each = static_cast<char>(random() >> 9);
-  write(file, bytes);
-  return file;
-}
-
-std::string trial::tagOf(std::uint64_t backingSize) const {
-  return tagFor(backingPath(zan::widePath(backing(backingSize).filename())));
+  std::error_code error;
+  for (const auto& each : fs::directory_iterator(folder(), error)) {
+    fs::remove_all(each.path(), error);
+  }
 }
 
 fs::path trial::newFile() {
   fs::path file = nextFile();
   ++files;
-  write(file, "");
+  writeFile(file, "");
   return file;
 }
 
@@ -139,19 +95,51 @@ fs::path trial::newFile(const std::string& tag) {
   return file;
 }
 
-void trial::remove(const fs::path& file) const {
-  fs::remove(file);
-  std::error_code error;
-  fs::remove(tagOn(file), error);  // if it is a file of its own
-  const auto end = steady_clock::now() + limit;
-  for (; fs::exists(file); pauseFor(20ms)) {
-    expect(steady_clock::now() < end, "a deleted file is gone within the time limit");
+void trial::remove(const fs::path& file) {
+  const auto end = steady_clock::now() + 1s;  // a scanner may hold it for a moment
+  while (!DeleteFileW(zan::widePath(file).c_str())) {
+    if (steady_clock::now() > end) throw system_failure("DeleteFileW", file);
+    pauseFor(20ms);
   }
+  DeleteFileW(zan::widePath(tagOn(file)).c_str());  // where a stream is a file of its own
+}
+
+void trial::replace(const fs::path& file, const std::string& tag) const {
+  remove(file);
+  for (const auto end = steady_clock::now() + limit;; pauseFor(20ms)) {
+    try {
+      const file_handle created(openFile(file, GENERIC_WRITE, CREATE_NEW));
+      break;
+    } catch (const system_failure&) {
+      expect(steady_clock::now() < end, "a deleted file is gone within the time limit");
+    }
+  }
+  writeTag(file, tag);
 }
 
 void trial::rename(const fs::path& file, const fs::path& name) {
-  fs::rename(file, name);
-  if (fs::exists(tagOn(file))) fs::rename(tagOn(file), tagOn(name));
+  const std::string tag = contentOf(tagOn(file));
+  std::error_code error;
+  fs::rename(file, name, error);
+  if (error)
+    throw std::runtime_error("rename of " + zan::textOf(file.filename()) + ": " + error.message());
+  if (!DeleteFileW(zan::widePath(tagOn(file)).c_str())) return;
+  writeTag(name, tag);  // a stream that is a file of its own stays behind
+}
+
+fs::path trial::backing(std::uint64_t size) const {
+  fs::path file = backingFolder.path / std::to_string(size);
+  std::error_code error;
+  if (fs::exists(file, error) && sizeOf(file) == size) return file;
+  std::string bytes(size, '\0');
+  std::mt19937 random(static_cast<unsigned>(size));
+  for (char& each : bytes) each = static_cast<char>(random() >> 9);
+  writeFile(file, bytes);
+  return file;
+}
+
+std::string trial::tagOf(std::uint64_t backingSize) const {
+  return tagFor(backingPath(zan::widePath(backing(backingSize).filename())));
 }
 
 std::pair<HRESULT, HANDLE> trial::tryConnect(std::size_t size, char filling) {
@@ -174,7 +162,6 @@ HANDLE trial::connect(char filling) {
 }
 
 answer trial::send(const fs::path& file, const request& what) {
-  static constexpr const char* names[] = {"ping", "start", "stop", "progress query"};
   const file_handle port(connect());
   file_handle opened(openFile(file));
   const HANDLE handle = what.handle == INVALID_HANDLE_VALUE ? opened.get() : what.handle;
@@ -185,8 +172,9 @@ answer trial::send(const fs::path& file, const request& what) {
       reinterpret_cast<std::uintptr_t>(handle), {what.operation, strategy}, what.unused};
   const auto code = static_cast<std::uint32_t>(what.operation);
   const std::string text =
-      (code < 4 ? names[code] : "operation " + std::to_string(code)) + " of " +
-      (handle == opened.get() ? zan::textOf(file.filename()) : "another handle") +
+      (code < std::size(operationNames) ? operationNames[code]
+                                        : "operation " + std::to_string(code)) +
+      " of " + (handle == opened.get() ? zan::textOf(file.filename()) : "another handle") +
       (isStart ? ", n = " + std::to_string(what.n) : "") + ", " + std::to_string(what.size) +
       " bytes";
   std::string bytes(std::max(what.size, sizeof(message)), '\0');
@@ -210,8 +198,16 @@ answer trial::send(const fs::path& file, const request& what) {
   return came;
 }
 
-HRESULT trial::start(const fs::path& file, std::int32_t n) {
+HRESULT trial::tryStart(const fs::path& file, std::int32_t n) {
   return send(file, {StartAggressiveRestore, n}).result;
+}
+
+void trial::start(const fs::path& file, std::int32_t n) {
+  for (const auto end = steady_clock::now() + limit; tryStart(file, n) != S_OK; pauseFor(20ms)) {
+    expect(steady_clock::now() < end, "0x00000000 for a start within the time limit");
+    ProgressInfo now;
+    if (query(file, now) == S_OK && isEnd(now)) return;
+  }
 }
 
 HRESULT trial::query(const fs::path& file, ProgressInfo& info) {
@@ -226,15 +222,22 @@ HRESULT trial::query(const fs::path& file, ProgressInfo& info) {
 
 ProgressInfo trial::progress(const fs::path& file) {
   ProgressInfo info;
-  expect(query(file, info), S_OK);
+  expectResult(query(file, info));
   return info;
+}
+
+void trial::stop(const fs::path& file) {
+  const HRESULT result = send(file, {StopAggressiveRestore}).result;
+  ProgressInfo now;
+  if (result != S_OK && query(file, now) == S_OK && isEnd(now)) return;
+  expect(result == S_OK, "0x00000000 for the stop");
 }
 
 ProgressInfo trial::stopLater(const fs::path& file) {
   const auto end = steady_clock::now() + 200ms;
   ProgressInfo info = progress(file);
   while (info.progress < info.total / 4 && steady_clock::now() < end) info = progress(file);
-  expect(send(file, {StopAggressiveRestore}).result, S_OK);
+  stop(file);
   return info;
 }
 
@@ -264,15 +267,15 @@ void trial::expectContent(const fs::path& file, const fs::path& as) {
 }
 
 void trial::restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n) {
-  expect(start(file, n) == S_OK, "0x00000000 for the start");
+  start(file, n);
   untilWhole(file, backing(backingSize));
 }
 
-std::pair<fs::path, std::uint64_t> trial::whileRestoring(const file_action& action,
-                                                         std::int32_t n) {
-  for (std::uint64_t size = 64 << 20; size <= 1 << 30; size *= 4) {
+std::pair<fs::path, std::uint64_t> trial::whileRestoring(const file_action& action, std::int32_t n,
+                                                         std::uint64_t least) {
+  for (std::uint64_t size = least; size <= 1 << 30; size *= 4) {
     const fs::path file = newFile(size);
-    expect(start(file, n) == S_OK, "0x00000000 for the start");
+    start(file, n);
     if (!isEnd(progress(file))) {
       action(file, size);
       ProgressInfo after;
@@ -280,14 +283,18 @@ std::pair<fs::path, std::uint64_t> trial::whileRestoring(const file_action& acti
     }
     remove(file);  // a larger one takes longer
   }
-  throw untried{"the filter restores 1 GiB before the next message reaches it"};
+  throw untried{"the filter restores 1 GiB too fast"};
 }
 
-HRESULT trial::failureOf(const fs::path& file) {
-  for (const auto end = steady_clock::now() + limit;; pauseFor(20ms)) {
-    ProgressInfo info;
-    const HRESULT result = query(file, info);
-    if (result != S_OK || isEnd(info)) return result;
-    expect(steady_clock::now() < end, "a failure within the time limit");
+std::optional<HRESULT> trial::failureOf(const fs::path& file) {
+  ProgressInfo last{};
+  for (auto since = steady_clock::now(); steady_clock::now() - since <= waitLimit; pauseFor(20ms)) {
+    ProgressInfo now;
+    const HRESULT result = query(file, now);
+    if (result != S_OK || isEnd(now)) return result;
+    if (now.progress != last.progress) since = steady_clock::now();
+    last = now;
   }
+  waitLimit = limit;
+  return std::nullopt;
 }

@@ -11,23 +11,16 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <optional>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "platform/file_handle.h"
-#include "platform/wide_path.h"
 #include "zan_restore_filter.h"
 
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
-using std::chrono::steady_clock;
-using zan::file_handle;
-using enum ControlOperation;
-
-// What ends a statement or the run early. A failure of the system is a std::exception.
+// What ends a statement or the run early. So does a system_failure.
 struct violation {
   std::string expected;  // by the contract
 };
@@ -41,36 +34,34 @@ inline std::atomic<bool> isInterrupted = false;
 
 void pauseFor(std::chrono::milliseconds time);
 std::string hex(HRESULT result);
+bool isEnd(const ProgressInfo& info);
 
 inline void expect(bool holds, const std::string& expected) {
   if (!holds) throw violation{expected};
 }
-inline void expect(HRESULT came, HRESULT expected) { expect(came == expected, hex(expected)); }
+inline void expectResult(HRESULT came, HRESULT expected = S_OK) {
+  expect(came == expected, hex(expected));
+}
 
-/// At most `size` bytes of a file from `offset` on: those that can be read.
-std::string contentOf(const fs::path& file, std::uint64_t offset = 0, std::size_t size = SIZE_MAX);
-/// Writes into a file that exists.
-void writeInto(const fs::path& file, std::uint64_t offset, const std::string& content);
-HANDLE openFile(const fs::path& file, DWORD attributes = FILE_ATTRIBUTE_NORMAL);
+/// The names of the operations, by their number.
+inline constexpr const char* operationNames[] = {"ping", "start", "stop", "progress query"};
 
-/// A tag with this path, where a file has its tag, and how the tool writes it: unshared, and in one
-/// write.
+/// A tag with this path.
 std::string tagFor(const std::wstring& backingPath);
-inline fs::path tagOn(fs::path file) { return file += ":" RESTORE_TAG_STREAM_NAME_A; }
-void writeTag(const fs::path& file, const std::string& tag, DWORD disposition = CREATE_NEW);
 
-/// A new folder in another one. Removes it, with its content.
+/// A new folder in another one. Removes it with its content. If something in it cannot be removed,
+/// tries again for 10 s.
 struct own_folder {
-  explicit own_folder(const fs::path& parent);
+  explicit own_folder(const std::filesystem::path& parent);
   ~own_folder();
   own_folder(const own_folder&) = delete;
   own_folder& operator=(const own_folder&) = delete;
-  fs::path path;
+  std::filesystem::path path;
 };
 
 /// A message about a file, with the tool's values unless changed, and its answer.
 struct request {
-  ControlOperation operation = Ping;
+  ControlOperation operation = ControlOperation::Ping;
   std::int32_t n = 4;  // of a start
   std::size_t size = sizeof(ControlMessage);
   std::size_t room = 0;                  // for the reply
@@ -83,19 +74,29 @@ struct answer {
   std::string reply;
 };
 
+/// A thread that is abandoned unless it was joined.
+struct worker_thread : std::thread {
+  using thread::thread;
+  ~worker_thread() {
+    if (joinable()) detach();
+  }
+};
+
 /// What a statement is tried with: files, messages about them, and waiting. Anything that breaks
-/// the contract throws violation. Waits at most `limit` for an answer, six times `limit` for the
-/// first file that makes no progress, and `limit` for each later one.
+/// the contract throws violation. Waits at most `limit` for an answer and until a start is
+/// accepted. Waits six times `limit` for the first file that makes no progress, and `limit` for
+/// each later one.
 class trial {
  public:
-  using file_action = std::function<void(const fs::path& file, std::uint64_t backingSize)>;
+  using path = std::filesystem::path;
+  using file_action = std::function<void(const path& file, std::uint64_t backingSize)>;
 
   /// Works in new folders in `parent` and in `backingParent`, which the filter calls `as`.
-  trial(const fs::path& parent, const fs::path& backingParent, const std::wstring& as,
-        std::wstring port, std::chrono::seconds longest);
+  trial(const path& parent, const path& backingParent, const std::wstring& as, std::wstring port,
+        std::chrono::seconds longest);
   const std::chrono::seconds limit;
 
-  /// Begins another statement: removes what the previous one left.
+  /// Begins another statement: removes what the previous one left, if it can be removed.
   void clear();
   /// What was sent and came; what the filter does where the contract leaves it open.
   const std::vector<std::string>& log() const { return lines; }
@@ -103,71 +104,87 @@ class trial {
   void choose(const std::string& what) { chosen = what; }
 
   // Files. newFile() creates nextFile(), without or with a tag.
-  const fs::path& folder() const { return ownFolder.path; }
-  fs::path nextFile() const { return folder() / ("file" + std::to_string(files + 1)); }
-  fs::path newFile();
-  fs::path newFile(const std::string& tag);
-  fs::path newFile(std::uint64_t backingSize) { return newFile(tagOf(backingSize)); }
-  void remove(const fs::path& file) const;
-  static void rename(const fs::path& file, const fs::path& name);  // with its tag
+  const path& folder() const { return ownFolder.path; }
+  path nextFile() const { return folder() / ("file" + std::to_string(files + 1)); }
+  path newFile();
+  path newFile(const std::string& tag);
+  path newFile(std::uint64_t backingSize) { return newFile(tagOf(backingSize)); }
+  static void remove(const path& file);  // with its tag
+  /// Removes a file, and creates one of its name as soon as the name is free.
+  void replace(const path& file, const std::string& tag) const;
+  static void rename(const path& file, const path& name);  // with its tag
 
   /// The path of a backing file as the filter knows it.
   std::wstring backingPath(const std::wstring& name) const { return prefix + name; }
   /// A backing file of random bytes, named by its size. Made anew if it was removed or cut.
-  fs::path backing(std::uint64_t size) const;
+  path backing(std::uint64_t size) const;
   std::string tagOf(std::uint64_t backingSize) const;
 
   // Messages.
   /// Connects with a context of `size` bytes, all `filling`. Returns the answer and the port.
   std::pair<HRESULT, HANDLE> tryConnect(std::size_t size, char filling = 0);
   HANDLE connect(char filling = 0);
-  answer send(const fs::path& file, const request& what);
-  HRESULT start(const fs::path& file, std::int32_t n = 4);
-  ProgressInfo progress(const fs::path& file);
-  HRESULT query(const fs::path& file, ProgressInfo& info);  // the same, but may fail
+  answer send(const path& file, const request& what);
+  /// One start, which may be refused.
+  HRESULT tryStart(const path& file, std::int32_t n = 4);
+  /// Starts a file. A filter may be busy with others: tries again for `limit`.
+  void start(const path& file, std::int32_t n = 4);
+  ProgressInfo progress(const path& file);
+  HRESULT query(const path& file, ProgressInfo& info);  // the same, but may fail
+  /// Stops a file that is being restored. Whether a stop of a whole file succeeds is open.
+  void stop(const path& file);
   /// Stops a file when a quarter of it is restored, or after 200 ms. Returns the progress before.
-  ProgressInfo stopLater(const fs::path& file);
+  ProgressInfo stopLater(const path& file);
   /// Sends a message about a new file; expects E_INVALIDARG.
-  void expectRefused(const request& what) { expect(send(newFile(), what).result, E_INVALIDARG); }
+  void expectRefused(const request& what) {
+    expectResult(send(newFile(), what).result, E_INVALIDARG);
+  }
 
   // Restorations.
   /// Waits until the file is whole; then it must have the content of another file.
-  void untilWhole(const fs::path& file, const fs::path& as);
-  void expectContent(const fs::path& file, const fs::path& as);
+  void untilWhole(const path& file, const path& as);
+  void expectContent(const path& file, const path& as);
   /// Starts or continues a file. Then it must become whole.
-  void restore(const fs::path& file, std::uint64_t backingSize, std::int32_t n = 4);
+  void restore(const path& file, std::uint64_t backingSize, std::int32_t n = 4);
   /// Runs `action` on a file that was started, and is not whole before and after the action.
-  /// Returns the file and the size of its backing file.
-  std::pair<fs::path, std::uint64_t> whileRestoring(const file_action& action, std::int32_t n = 4);
-  /// The first failure that a query tells, within `limit`; S_OK if the file becomes whole.
-  HRESULT failureOf(const fs::path& file);
+  /// Returns the file and the size of its backing file, from `least` to 1 GiB.
+  std::pair<path, std::uint64_t> whileRestoring(const file_action& action, std::int32_t n = 4,
+                                                std::uint64_t least = 64 << 20);
+  /// The first failure that a query tells; S_OK if the file becomes whole. Nothing if it makes no
+  /// progress: the filter waits for what is missing.
+  std::optional<HRESULT> failureOf(const path& file);
 
-  /// Logs `what`, and runs `call`, which owns all that it uses, in a thread. Abandons that thread
-  /// after `limit`, and throws unanswered.
+  /// Logs `what`, and runs `call`, which owns all that it uses, in a thread. After `limit`, goes on
+  /// waiting if `mayGoOn` says so. Otherwise abandons that thread and throws unanswered.
   template <typename Call>
-  std::invoke_result_t<Call> withinLimit(const std::string& what, Call call) {
+  std::invoke_result_t<Call> withinLimit(
+      const std::string& what, Call call,
+      const std::function<bool()>& mayGoOn = [] { return false; }) {
     lines.push_back(what + ": ");
     std::packaged_task<std::invoke_result_t<Call>()> task(std::move(call));
     auto result = task.get_future();
-    std::thread worker(std::move(task));
-    const auto end = steady_clock::now() + limit;
-    while (result.wait_for(50ms) != std::future_status::ready) {
-      if (!isInterrupted && steady_clock::now() < end) continue;
-      worker.detach();
+    worker_thread worker(std::move(task));
+    auto end = std::chrono::steady_clock::now() + limit;
+    while (result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
       if (isInterrupted) throw interruption{};
-      lines.back() += "no answer";
-      throw unanswered{{"an answer within the time limit"}};
+      if (std::chrono::steady_clock::now() < end) continue;
+      if (!mayGoOn()) {
+        lines.push_back(what + ": no answer");
+        throw unanswered{{"an answer within the time limit"}};
+      }
+      end = std::chrono::steady_clock::now() + limit;
     }
     worker.join();
     return result.get();
   }
 
  private:
+  const own_folder backingFolder;  // removed last, when no file is restored from it any more
   const own_folder ownFolder;
-  const own_folder backingFolder;
   const std::wstring portName;
   std::wstring prefix;  // of a backing file's path as the filter knows it
   std::chrono::seconds stallLimit;
+  std::chrono::seconds waitLimit;  // the same where nothing can be restored
   std::vector<std::string> lines;
   std::string chosen;
   int files = 0;

@@ -19,8 +19,8 @@ namespace {
 constexpr std::string_view defaultStreamType = ":$DATA";
 
 // The path, without ":$DATA", of the latest stream that this process created. If streams are
-// separate files, deleting a file also deletes this one, but no stream that somebody else created.
-// The program deletes only the file of that stream.
+// separate files, deleting its file also deletes this one, but no stream that another process
+// created.
 char createdStream[PATH_MAX];
 
 // Removes the type from a stream's name, FILE:STREAM:$DATA. False for the invalid forms, FILE:$DATA
@@ -35,6 +35,10 @@ bool dropStreamType(host_string& path) {
     if (name.find(':') == name.npos) return false;
   }
   return name.find(":$DATA:") == name.npos;
+}
+
+off_t offsetOf(const OVERLAPPED& place) {
+  return static_cast<off_t>(place.OffsetHigh) << 32 | place.Offset;
 }
 
 bool folderExists(host_string& path) {
@@ -65,6 +69,8 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
   int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   flags |= access == GENERIC_READ ? O_RDONLY : O_RDWR;
   if (disposition == CREATE_NEW) flags |= O_CREAT | O_EXCL;
+  if (disposition == CREATE_ALWAYS) flags |= O_CREAT | O_TRUNC;
+  if (disposition == TRUNCATE_EXISTING) flags |= O_TRUNC;
   // 0644, because whoever can write a tag chooses which file a filter reads.
   descriptor file(open(host.bytes, flags, isStream ? 0644 : 0666));
   if (!file.isOpen()) return openFailed(errno, host);
@@ -83,15 +89,32 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
 // Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest: the
 // error of that attempt says why the write was short. If an attempt writes nothing, it succeeds
 // with what is written so far.
-BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED) {
+BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED to) {
   *written = 0;
   while (*written < size) {
     const auto* rest = static_cast<const char*>(data) + *written;
-    const ssize_t count = write(descriptorOf(file), rest, size - *written);
+    const int host = descriptorOf(file);
+    const ssize_t count = to == nullptr
+                              ? write(host, rest, size - *written)
+                              : pwrite(host, rest, size - *written, offsetOf(*to) + *written);
     if (count < 0) return failsWithErrno();
     if (count == 0) break;
     *written += static_cast<DWORD>(count);
   }
+  return TRUE;
+}
+
+BOOL ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED from) {
+  const ssize_t count = pread(descriptorOf(file), data, size, offsetOf(*from));
+  if (count < 0) return failsWithErrno();
+  *read = static_cast<DWORD>(count);
+  return count > 0 || size == 0 || failsWith(ERROR_HANDLE_EOF);
+}
+
+BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
+  struct stat status {};
+  if (fstat(descriptorOf(file), &status) != 0) return failsWithErrno();
+  size->QuadPart = status.st_size;
   return TRUE;
 }
 
@@ -108,6 +131,9 @@ BOOL CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES, DWORD
 BOOL DeleteFileW(LPCWSTR path) {
   host_string host(path);
   dropStreamType(host);
-  unlink(createdStream);
+  const std::string_view file(host.bytes, host.size), stream(createdStream);
+  if (stream.starts_with(file) && stream.substr(file.size()).starts_with(':')) {
+    unlink(createdStream);
+  }
   return unlink(host.bytes) == 0 || failsWithErrno();
 }

@@ -1,6 +1,9 @@
 #include "platform/posix/last_error.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -11,6 +14,16 @@ thread_local DWORD lastError = 0;
 DWORD GetLastError() { return lastError; }
 
 void SetLastError(DWORD code) { lastError = code; }
+
+// The text of the first errno value that has this code.
+DWORD FormatMessageW(DWORD, LPCVOID, DWORD code, DWORD, LPWSTR text, DWORD size, void*) {
+  int error = 1;
+  while (error < EHWPOISON && windowsErrorFor(error) != code) ++error;
+  const std::string_view found(std::strerror(error));
+  if (windowsErrorFor(error) != code || found.size() >= size) return 0;
+  *std::copy(found.begin(), found.end(), text) = L'\0';
+  return static_cast<DWORD>(found.size());
+}
 
 DWORD windowsErrorFor(int error) {
   switch (error) {

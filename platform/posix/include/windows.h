@@ -25,8 +25,16 @@ using LPWSTR = wchar_t*;
 using LPCWSTR = const wchar_t*;
 
 struct SECURITY_ATTRIBUTES;
-struct OVERLAPPED;
 using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
+union LARGE_INTEGER {
+  std::int64_t QuadPart;
+};
+/// Where to read or write.
+struct OVERLAPPED {
+  std::uintptr_t Internal, InternalHigh;
+  DWORD Offset, OffsetHigh;
+  HANDLE hEvent;
+};
 using LPOVERLAPPED = OVERLAPPED*;
 
 constexpr BOOL FALSE = 0;
@@ -35,14 +43,19 @@ constexpr DWORD MAX_PATH = 260;
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)))
 
 constexpr DWORD GENERIC_READ = 0x80000000;
+constexpr DWORD GENERIC_WRITE = 0x40000000;
 constexpr DWORD GENERIC_ALL = 0x10000000;
 constexpr DWORD FILE_SHARE_READ = 1;
 constexpr DWORD FILE_SHARE_WRITE = 2;
 constexpr DWORD FILE_SHARE_DELETE = 4;
 constexpr DWORD CREATE_NEW = 1;
+constexpr DWORD CREATE_ALWAYS = 2;
 constexpr DWORD OPEN_EXISTING = 3;
+constexpr DWORD TRUNCATE_EXISTING = 5;
 constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
 constexpr DWORD FILE_FLAG_BACKUP_SEMANTICS = 0x02000000;
+constexpr DWORD FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;
+constexpr DWORD FORMAT_MESSAGE_IGNORE_INSERTS = 0x200;
 constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
 constexpr UINT CP_UTF8 = 65001;
 
@@ -57,6 +70,7 @@ constexpr DWORD ERROR_NO_MORE_FILES = 18;
 constexpr DWORD ERROR_WRITE_PROTECT = 19;
 constexpr DWORD ERROR_GEN_FAILURE = 31;
 constexpr DWORD ERROR_SHARING_VIOLATION = 32;
+constexpr DWORD ERROR_HANDLE_EOF = 38;
 constexpr DWORD ERROR_NOT_SUPPORTED = 50;
 constexpr DWORD ERROR_FILE_EXISTS = 80;
 constexpr DWORD ERROR_DISK_FULL = 112;
@@ -86,11 +100,15 @@ extern "C" {
 /// The code of this thread's latest failure, and how a call sets it.
 DWORD WINAPI GetLastError();
 void WINAPI SetLastError(DWORD code);
+DWORD WINAPI FormatMessageW(DWORD flags, LPCVOID source, DWORD code, DWORD language, LPWSTR text,
+                            DWORD size, void* inserts);
 
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                           DWORD disposition, DWORD attributes, HANDLE templateFile);
 BOOL WINAPI WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
                       LPOVERLAPPED overlapped);
+BOOL WINAPI ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED overlapped);
+BOOL WINAPI GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
 BOOL WINAPI CloseHandle(HANDLE handle);
 BOOL WINAPI CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES security,
                        DWORD size);
