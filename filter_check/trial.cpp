@@ -202,9 +202,10 @@ HRESULT trial::tryStart(const fs::path& file, std::int32_t n) {
   return send(file, {StartAggressiveRestore, n}).result;
 }
 
-void trial::start(const fs::path& file, std::int32_t n) {
-  for (const auto end = steady_clock::now() + limit; tryStart(file, n) != S_OK; pauseFor(20ms)) {
-    expect(steady_clock::now() < end, "0x00000000 for a start within the time limit");
+void trial::start(const fs::path& file, std::int32_t n, HRESULT expected) {
+  const auto end = steady_clock::now() + limit;
+  for (; tryStart(file, n) != expected; pauseFor(20ms)) {
+    expect(steady_clock::now() < end, hex(expected) + " for a start within the time limit");
     ProgressInfo now;
     if (query(file, now) == S_OK && isEnd(now)) return;
   }

@@ -127,8 +127,9 @@ class trial {
   answer send(const path& file, const request& what);
   /// One start, which may be refused.
   HRESULT tryStart(const path& file, std::int32_t n = 4);
-  /// Starts a file. A filter may be busy with others: tries again for `limit`.
-  void start(const path& file, std::int32_t n = 4);
+  /// Starts a file. A filter may be busy with others: tries for `limit` until the answer is as
+  /// expected, or the file is whole.
+  void start(const path& file, std::int32_t n = 4, HRESULT expected = S_OK);
   ProgressInfo progress(const path& file);
   HRESULT query(const path& file, ProgressInfo& info);  // the same, but may fail
   /// Stops a file that is being restored. Whether a stop of a whole file succeeds is open.

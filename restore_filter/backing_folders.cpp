@@ -6,8 +6,8 @@
 
 #include <algorithm>
 
+#include "restore_filter/failure.h"
 #include "restore_filter/host_files.h"
-#include "restore_filter/log.h"
 
 namespace {
 
@@ -26,17 +26,18 @@ bool backing_folders::add(std::string ntPrefix, const char* path) {
   return true;
 }
 
-HRESULT backing_folders::openFile(const std::string& ntPath, descriptor& file) const {
+descriptor backing_folders::openFile(const std::string& ntPath) const {
   descriptor path;
   if (ntPath.starts_with('/')) {
     path = openPath(AT_FDCWD, ntPath, 0, 0);
   } else {
     const auto isAbove = [&](const folder& each) { return beginsWith(ntPath, each.ntPrefix); };
     const auto found = std::find_if(folders.begin(), folders.end(), isAbove);
-    if (found == folders.end()) return HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+    if (found == folders.end()) throw failureOf(ERROR_PATH_NOT_FOUND);
     std::string rest = ntPath.substr(found->ntPrefix.size() + 1);
     std::replace(rest.begin(), rest.end(), '\\', '/');
     path = openPath(found->root.get(), rest, 0, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS);
   }
-  return path.isOpen() ? openRegularFile(path, O_RDONLY, file) : loggedFailure("open", ntPath);
+  if (!path.isOpen()) throwFailure("open", ntPath);
+  return openRegularFile(path, O_RDONLY);
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <windows.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,8 +14,8 @@ class backing_folders {
   bool add(std::string ntPrefix, const char* path);
 
   /// Opens the regular file `ntPath` for reading, never one outside the folder that stands for its
-  /// prefix. An absolute Linux path is used unchanged. S_OK, or an HRESULT that says why not.
-  HRESULT openFile(const std::string& ntPath, descriptor& file) const;
+  /// prefix. An absolute Linux path is used unchanged. Throws `failure`.
+  descriptor openFile(const std::string& ntPath) const;
 
  private:
   struct folder {

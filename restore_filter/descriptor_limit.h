@@ -4,11 +4,9 @@
 
 #include "platform/posix/descriptor.h"
 
-/// The most descriptors that handling one message opens, a start. Connections leave so many free.
+/// Most descriptors that one message (a start) opens. Connections leave this many free, and a start
+/// twice as many: when starts are refused, stops and queries are still answered.
 constexpr int descriptorsPerMessage = 7;
-/// A start leaves so many free, for itself and for one more message: when starts are refused, stops
-/// and queries are still answered.
-constexpr int descriptorsPerStart = 2 * descriptorsPerMessage;
 
 /// Raises the soft limit to the hard one: a restoration takes three descriptors, at first four, so
 /// 340 files would use up the usual soft limit.

@@ -31,8 +31,8 @@ class message_handler {
   HRESULT handle(pid_t sender, dev_t device, const void* message, std::size_t size,
                  ProgressInfo& reply, std::size_t& replySize);
 
-  /// Closes the files of the restorations that have ended. Remembers where the latest 1,000 of them
-  /// were stopped, or why they failed.
+  /// Closes the files of the restorations that have ended. Remembers where they were stopped, or
+  /// why they failed.
   void closeEnded();
 
  private:
@@ -46,12 +46,13 @@ class message_handler {
     file_stamp backingStamp;
   };
 
-  HRESULT answer(const ControlMessage& message, pid_t sender, dev_t device, target& local,
-                 ProgressInfo& reply);
-  HRESULT start(target& local, const RestoreStrategy& how);
-  HRESULT stop(target& local);
-  HRESULT queryProgress(target& local, ProgressInfo& progress) const;
-  HRESULT openBacking(target& local) const;
+  // These throw `failure`.
+  void answer(const ControlMessage& message, pid_t sender, dev_t device, target& local,
+              ProgressInfo& reply);
+  void start(target& local, const RestoreStrategy& how);
+  void stop(target& local);
+  ProgressInfo queryProgress(target& local) const;
+  void openBacking(target& local) const;
   std::shared_ptr<restoration> restorationOf(const target& local) const;
 
   const backing_folders& backingFolders;

@@ -74,10 +74,11 @@ void port_server::serve(int stop) {
     if (waiting[0].revents != 0) return;
 
     const auto* ready = waiting.data() + 1 + ports.size();
-    std::erase_if(connections, [&](connection& each) {
+    for (connection& each : connections) {
       const short events = (ready++)->revents;
-      return events != 0 && !receive(each, (events & POLLHUP) != 0);
-    });
+      if (events != 0 && !receive(each, (events & POLLHUP) != 0)) each.socket = descriptor();
+    }
+    std::erase_if(connections, [](const connection& each) { return !each.socket.isOpen(); });
     for (std::size_t i = 0; i < ports.size(); ++i) {
       if (waiting[1 + i].revents != 0) accept(ports[i]);
     }

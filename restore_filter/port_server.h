@@ -12,8 +12,7 @@
 
 /// The communication ports of all instances, one per volume, and their connections. Serves only its
 /// own user. A slow or silent client delays nobody, nor does a slow read of a backing file or a
-/// slow sync of a restoration. But if opening or writing a file blocks, or the sync of a whole
-/// file's record, every client waits.
+/// slow sync of a restoration. But opening or writing a file can block every client.
 class port_server {
  public:
   explicit port_server(message_handler& messages) : handler(messages) {}

@@ -25,19 +25,23 @@ struct restoration_files {
 ///
 /// - Below `position`, which is at most the backing file's size, the local file has the backing
 ///   file's bytes, except where a program has written.
-/// - Only the pass's own thread moves `position` and changes the local file, and only while it
-///   holds `writing` and the state is `running`.
-/// - The state becomes `running` by start() and wake(), `stopped` by stop(), and `ended` by the
-///   thread as the last thing that it does. Before the first start it is `ended`.
-/// - `files` and `failed` belong to the thread until it has ended, and then to the caller.
+/// - Only run() moves `position` and changes the local file, and only while it holds `writing` and
+///   the state is `running`. It runs in the pass's own thread, or in start() for an empty backing
+///   file.
+/// - The state becomes `running` by start() and wake(), `stopped` by stop(), and `ended` as the
+/// last
+///   thing that run() does, or by start() if no thread can be created. It is `ended` at first.
+/// - `files`, `hasBegun` and `result` belong to run() until the pass has ended, and then to the
+///   caller.
 class restoration : public std::enable_shared_from_this<restoration> {
  public:
   restoration(std::string pathOfBacking, const file_stamp& stampOfBacking)
       : backingPath(std::move(pathOfBacking)), backingStamp(stampOfBacking) {}
 
-  /// Begins, or continues after it has ended, with at most n reads at a time. S_OK, or
-  /// E_OUTOFMEMORY as long as no thread is to be had. From an empty backing file it ends at once.
-  HRESULT start(restoration_files with, int n);
+  /// Begins, or continues after it has ended, with at most n reads at a time. From an empty backing
+  /// file it ends at once. Throws its `failure` then, and E_OUTOFMEMORY if no thread can be
+  /// created.
+  void start(restoration_files with, int n);
   /// After this returns, nothing is written into the local file. Waits for no sync and no read.
   void stop();
   /// Continues one that is stopped, with at most n reads. False if it is not stopped.
@@ -47,38 +51,34 @@ class restoration : public std::enable_shared_from_this<restoration> {
 
   bool isRunning() const { return now == state::running; }
   bool hasEnded() const { return now == state::ended; }
-  /// Whether it fills the file from this backing file, unchanged, for a tag with this path.
-  bool isPassOver(const std::string& path, const file_stamp& stamp) const {
-    return path == backingPath && stamp == backingStamp;
+  /// Whether a stopped pass can continue: the tag has this backing path, and neither file has
+  /// changed since.
+  bool canContinue(const std::string& path, const file_stamp& backing,
+                   const file_stamp& local) const {
+    return path == backingPath && backing == backingStamp && local == stoppedStamp;
   }
   std::uint64_t restored() const { return position; }
   std::uint64_t total() const { return backingStamp.size; }
   /// Once it has ended: why, S_OK if it was stopped or the file is whole.
-  HRESULT failure() const { return failed; }
-  bool isWhole() const { return failed == S_OK && position == total(); }
-  /// Whether it was stopped on this pass, of which the record speaks, and nobody has cut the file.
-  bool canContinue(const std::string& path, const file_stamp& stamp, std::uint64_t recorded,
-                   std::uint64_t localSize) const {
-    return isPassOver(path, stamp) && failed == S_OK && recorded == pass && localSize >= position;
-  }
-  /// Its number. Later passes have higher ones, also those of other processes.
-  std::uint64_t number() const { return pass; }
+  HRESULT outcome() const { return result; }
+  bool isWhole() const { return result == S_OK && position == total(); }
 
  private:
   enum class state { running, stopped, ended };
 
-  static std::uint64_t passNumber();
   bool change(state from, state to) { return now.compare_exchange_strong(from, to); }
   void run();
   HRESULT restore();
-  HRESULT fill();
-  HRESULT write(const char* bytes, std::size_t size);
+  void fill();
+  bool empty();
+  bool write(const char* bytes, std::size_t size);
 
-  const std::uint64_t pass = passNumber();
   const std::string backingPath;
   const file_stamp backingStamp;  // when the pass began
+  file_stamp stoppedStamp;        // of the local file, when the pass was stopped
   std::optional<restoration_files> files;
-  HRESULT failed = S_OK;
+  bool hasBegun = false;  // the record says so
+  HRESULT result = S_OK;
   std::atomic<std::uint64_t> position = 0;
   std::atomic<int> reads = 0;  // the latest start's n
   std::atomic<state> now = state::ended;

@@ -89,14 +89,14 @@ HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWO
 // Writes all of the data or fails, as on a Windows disk. After a short write it tries the rest: the
 // error of that attempt says why the write was short. If an attempt writes nothing, it succeeds
 // with what is written so far.
-BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED to) {
+BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED place) {
   *written = 0;
   while (*written < size) {
     const auto* rest = static_cast<const char*>(data) + *written;
     const int host = descriptorOf(file);
-    const ssize_t count = to == nullptr
+    const ssize_t count = place == nullptr
                               ? write(host, rest, size - *written)
-                              : pwrite(host, rest, size - *written, offsetOf(*to) + *written);
+                              : pwrite(host, rest, size - *written, offsetOf(*place) + *written);
     if (count < 0) return failsWithErrno();
     if (count == 0) break;
     *written += static_cast<DWORD>(count);
@@ -104,8 +104,8 @@ BOOL WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAP
   return TRUE;
 }
 
-BOOL ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED from) {
-  const ssize_t count = pread(descriptorOf(file), data, size, offsetOf(*from));
+BOOL ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED place) {
+  const ssize_t count = pread(descriptorOf(file), data, size, offsetOf(*place));
   if (count < 0) return failsWithErrno();
   *read = static_cast<DWORD>(count);
   return count > 0 || size == 0 || failsWith(ERROR_HANDLE_EOF);

@@ -105,9 +105,8 @@ DWORD WINAPI FormatMessageW(DWORD flags, LPCVOID source, DWORD code, DWORD langu
 
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                           DWORD disposition, DWORD attributes, HANDLE templateFile);
-BOOL WINAPI WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
-                      LPOVERLAPPED overlapped);
-BOOL WINAPI ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED overlapped);
+BOOL WINAPI WriteFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED place);
+BOOL WINAPI ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED place);
 BOOL WINAPI GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
 BOOL WINAPI CloseHandle(HANDLE handle);
 BOOL WINAPI CreatePipe(LPHANDLE reading, LPHANDLE writing, LPSECURITY_ATTRIBUTES security,

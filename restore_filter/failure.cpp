@@ -1,4 +1,4 @@
-#include "restore_filter/log.h"
+#include "restore_filter/failure.h"
 
 #include <cerrno>
 #include <cstring>
@@ -12,15 +12,15 @@ void logLine(const std::string& what, const std::string& path, const std::string
   if (isLogging) std::cerr << what + ' ' + path + ": " + end + '\n';
 }
 
-HRESULT loggedFailure(const char* call, const std::string& path) {
-  const HRESULT result = hostFailure();
-  logLine(call, path, std::strerror(errno));
-  return result;
+void throwFailure(const char* call, const std::string& path) {
+  const int error = errno;
+  logLine(call, path, std::strerror(error));
+  throw failureOf(windowsErrorFor(error));
 }
 
-HRESULT loggedFailure(const char* call, const descriptor& file) {
+void throwFailure(const char* call, const descriptor& file) {
   const int error = errno;
   const std::string path = isLogging ? pathOf(file) : "";
   errno = error;
-  return loggedFailure(call, path);
+  throwFailure(call, path);
 }
