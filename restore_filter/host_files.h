@@ -4,10 +4,9 @@
 #include <sys/types.h>
 
 #include <array>
-#include <compare>
 #include <cstdint>
 #include <string>
-#include <utility>
+#include <tuple>
 
 #include "platform/posix/descriptor.h"
 
@@ -19,7 +18,7 @@ struct file_identity {
   std::uint64_t birthNanoseconds = 0;
 
   bool hasBirth() const { return birthSeconds != 0 || birthNanoseconds != 0; }
-  auto operator<=>(const file_identity&) const = default;
+  bool operator==(const file_identity&) const = default;
 };
 
 /// What statx(2) says of a file. Two are equal if it is the same file and has not changed.
@@ -29,7 +28,9 @@ struct file_stamp {
   std::uint64_t size = 0;               // bytes
   std::array<std::int64_t, 4> times{};  // mtime and ctime, in seconds and nanoseconds
 
-  auto key() const { return std::pair(device, identity); }
+  auto key() const {
+    return std::tuple(device, identity.inode, identity.birthSeconds, identity.birthNanoseconds);
+  }
   bool operator==(const file_stamp&) const = default;
 };
 

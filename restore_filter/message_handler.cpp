@@ -16,7 +16,7 @@ namespace {
 
 constexpr int mostReads = 64;  // a larger n counts as this
 
-const failure busy = failureOf(ERROR_BUSY);
+failure busy() { return failureOf(ERROR_BUSY); }
 
 // Opens the file that the sender's handle stands for.
 descriptor takeFile(pid_t sender, std::uint64_t handle) {
@@ -103,11 +103,11 @@ void message_handler::start(target& local, const RestoreStrategy& how) {
   const int reads = std::min(how.concurrentReads, mostReads);
   std::shared_ptr<restoration> work = restorationOf(local);
   if (work && !work->hasEnded()) {
-    if (work->isRunning()) throw busy;
+    if (work->isRunning()) throw busy();
     openBacking(local);
     const bool isSame = work->canContinue(local.backingPath, local.backingStamp, local.stamp);
     if (isSame && work->wake(reads)) return;
-    if (!work->hasEnded()) throw busy;  // it still works for an earlier tag or version of a file
+    if (!work->hasEnded()) throw busy();  // it still works for an earlier tag or version of a file
   }
   closeEnded();  // one that has just ended still holds its lock
 
@@ -119,7 +119,7 @@ void message_handler::start(target& local, const RestoreStrategy& how) {
   descriptor writable = openRegularFile(local.path, O_RDWR);
   // Another stand-in, in another network name space, may restore the file.
   if (flock(writable.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) throw busy;
+    if (errno == EWOULDBLOCK) throw busy();
     throwFailure("flock", writable);
   }
   // The other one may have changed it before. And overlayfs makes it another file now.
@@ -166,7 +166,7 @@ void message_handler::openBacking(target& local) const {
   if (!pathInTag) return;
   // It is restored itself, and must be whole.
   progress_record record(local.backingStamp.identity, *pathInTag);
-  if (!record.read(local.backing, local.backingStamp.size) || !record.isWhole()) throw busy;
+  if (!record.read(local.backing, local.backingStamp.size) || !record.isWhole()) throw busy();
 }
 
 std::shared_ptr<restoration> message_handler::restorationOf(const target& local) const {

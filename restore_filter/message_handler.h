@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "platform/posix/descriptor.h"
 #include "restore_filter/backing_folders.h"
@@ -56,5 +55,5 @@ class message_handler {
   std::shared_ptr<restoration> restorationOf(const target& local) const;
 
   const backing_folders& backingFolders;
-  std::map<std::pair<dev_t, file_identity>, std::shared_ptr<restoration>> jobs;  // by local file
+  std::map<decltype(file_stamp().key()), std::shared_ptr<restoration>> jobs;  // by local file
 };

@@ -17,6 +17,8 @@ namespace {
 
 constexpr const char* recordName = "restore_filter_progress";
 
+failure malformed() { return failureOf(ERROR_INVALID_DATA); }
+
 bool isOurs(const struct stat& file) { return file.st_uid == 0 || file.st_uid == geteuid(); }
 
 bool isSameFile(const struct stat& one, const struct stat& other) {
@@ -87,26 +89,25 @@ std::string readFrom(const descriptor& stream, std::size_t size) {
 
 std::optional<std::string> readTag(const descriptor& local) {
   static const std::uint8_t guid[] = RESTORE_TAG_GUID;
-  const failure malformed = failureOf(ERROR_INVALID_DATA);
   RestoreTagRecord record;
   const descriptor stream = findStream(RESTORE_TAG_STREAM_NAME_A, local, O_RDONLY);
   if (!stream.isOpen()) return std::nullopt;
   const std::string bytes = readFrom(stream, sizeof(record));
-  if (bytes.size() != sizeof(record)) throw malformed;
+  if (bytes.size() != sizeof(record)) throw malformed();
   std::memcpy(&record, bytes.data(), sizeof(record));
   const std::size_t units = record.pathLength / sizeof(record.path[0]);
   const bool isValid = record.tag == RESTORE_TAG && record.dataLength == RESTORE_TAG_DATA_LENGTH &&
                        std::equal(guid, guid + sizeof(guid), record.guid) &&
                        record.pathOffset == RESTORE_TAG_PATH_OFFSET && record.pathLength % 2 == 0 &&
                        units > 0 && units <= RESTORE_TAG_PATH_UNITS;
-  if (!isValid) throw malformed;
+  if (!isValid) throw malformed();
   const std::wstring path(record.path, record.path + units);
-  if (path.find(L'\0') != path.npos) throw malformed;
+  if (path.find(L'\0') != path.npos) throw malformed();
   std::string backingPath(3 * units, '\0');
   backingPath.resize(encodeUtf8(path.data(), units, backingPath.data(), backingPath.size()));
   std::wstring decoded(backingPath.size(), L'\0');
   decoded.resize(decodeUtf8(backingPath.data(), backingPath.size(), decoded.data()));
-  if (decoded != path) throw malformed;  // a surrogate that stands for no byte
+  if (decoded != path) throw malformed();  // a surrogate that stands for no byte
   return backingPath;
 }
 
