@@ -1,4 +1,4 @@
-#include "app/wmain.h"
+#include "platform/wmain.h"
 
 #include <cerrno>
 #include <cstdint>

@@ -11,19 +11,14 @@ endif()
 
 install(TARGETS zan_restore zan_filter_check DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/zan_restore_filter.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${ZAN_DOCUMENTS})
-install(FILES docs/decisions.md docs/failures.md docs/first-hour-on-windows.md docs/fleets.md
-    docs/restore-filter-contract.md
+install(FILES README.md CHANGELOG.md DESTINATION ${ZAN_DOCUMENTS})
+install(FILES docs/failures.md docs/fleets.md docs/restore-filter-contract.md
   DESTINATION ${ZAN_DOCUMENTS}/docs)
-install(DIRECTORY docs/images DESTINATION ${ZAN_DOCUMENTS}/docs)
-install(FILES bench/README.md DESTINATION ${ZAN_DOCUMENTS}/bench)
+install(FILES docs/images/demo.svg DESTINATION ${ZAN_DOCUMENTS}/docs/images)
 if(WIN32)
   install(DIRECTORY powershell/ZanRestore DESTINATION .) # the module looks for the tool in its parent folder
 else()
   install(DIRECTORY powershell DESTINATION ${ZAN_DOCUMENTS})
-  # The documents link to the header.
-  file(CREATE_LINK ../../../include ${PROJECT_BINARY_DIR}/include SYMBOLIC)
-  install(FILES ${PROJECT_BINARY_DIR}/include DESTINATION ${ZAN_DOCUMENTS})
   install(FILES completions/zan_restore DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
   # Compressed as Debian wants it: the same bytes at every build.
   function(compressed file name component folder)
@@ -54,7 +49,7 @@ set(CPACK_PACKAGE_CONTACT "zan_restore maintainers <maintainers@users.noreply.c-
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "set up and control the restoration of files by the restore filter")
 set(CPACK_VERBATIM_VARIABLES ON)
 # Every file in a package has this time, so that the packages are the same at each build.
-file(WRITE ${PROJECT_BINARY_DIR}/cpack_time.cmake "set(ENV{SOURCE_DATE_EPOCH} 1795651200)\n")
+file(WRITE ${PROJECT_BINARY_DIR}/cpack_time.cmake "set(ENV{SOURCE_DATE_EPOCH} 1795737600)\n")
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/cpack_time.cmake)
 if(WIN32)
   set(CPACK_GENERATOR ZIP)

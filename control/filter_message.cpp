@@ -16,7 +16,8 @@ using zan::fsfilter::findFilterInstances;
 
 namespace {
 
-bool isAttachedTo(const std::wstring& volumeId, bool isPrinting) {
+// Looks for an instance on the volume, up to the first.
+bool findInstanceOn(const std::wstring& volumeId, bool isPrinting) {
   for (const FilterInstanceInfo& instance : findFilterInstances(RESTORE_FILTER_NAME)) {
     if (isPrinting) {
       std::wcout << L"checking instance for volume: " << instance.volumeId << L" - "
@@ -47,7 +48,7 @@ int sendToFilter(const std::wstring& path, const ControlRequest& request, Progre
     return 1;
   }
   if (isPrinting) std::wcout << L"volume is: " << volumeId << std::endl;
-  if (!isAttachedTo(volumeId, isPrinting)) {
+  if (!findInstanceOn(volumeId, isPrinting)) {
     std::wcout << L"no filter instance found for " << path << std::endl;
     return 1;
   }

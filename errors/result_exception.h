@@ -6,11 +6,13 @@
 #include <exception>
 #include <string>
 
+#include "errors/hresult.h"
+
 namespace zan::except {
 
 /// A system function of the filter communication layer failed. The exception has no text of its
-/// own. boost::diagnostic_information prints the throw location, the function's name
-/// (boost::errinfo_api_function) and its HRESULT (errinfo_HRESULT).
+/// own. boost::diagnostic_information prints the throw location, the HRESULT
+/// (errinfo_HRESULT) and the function's name (boost::errinfo_api_function).
 struct result_exception : virtual boost::exception, virtual std::exception {};
 
 // A class, not a struct. Boost prints in the order of type_info::name(). With MSVC, names contain

@@ -6,11 +6,11 @@
 #include <cwchar>
 #include <iostream>
 
-#include "app/wmain.h"
 #include "control/volume_id.h"
 #include "filter_check/statements.h"
 #include "fsfilter/filter_instances.h"
 #include "platform/wide_path.h"
+#include "platform/wmain.h"
 
 namespace fs = std::filesystem;
 

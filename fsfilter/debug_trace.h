@@ -8,8 +8,8 @@ namespace zan::fsfilter {
 
 /// Writes one debug trace line in one call of OutputDebugStringW: the parts and a line end.
 /// The parts are wide texts, and at most one number, which follows std::hex. Writes nothing if
-/// memory for the line is lacking. Never throws. Parts&&, because std::hex is a function: of a const
-/// one, MSVC warns (C4180).
+/// memory for the line is lacking. Never throws. Parts&&, because std::hex is a function: of a
+/// const one, MSVC warns (C4180).
 template <typename... Parts>
 void traceLine(Parts&&... parts) noexcept {
   try {
@@ -20,8 +20,5 @@ void traceLine(Parts&&... parts) noexcept {
     // There is nowhere to report the loss of a trace line.
   }
 }
-
-/// An HRESULT as the 32-bit pattern that trace lines print, however wide `long` is.
-inline DWORD bitsOf(HRESULT result) noexcept { return static_cast<DWORD>(result); }
 
 }  // namespace zan::fsfilter

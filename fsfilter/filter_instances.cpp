@@ -9,6 +9,7 @@
 #include <new>
 #include <vector>
 
+#include "errors/hresult.h"
 #include "fsfilter/debug_trace.h"
 
 namespace zan::fsfilter {
@@ -25,7 +26,7 @@ struct instance_search {
   ~instance_search() {
     const HRESULT closed = FilterInstanceFindClose(handle);
     if (closed < 0) {
-      traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, bitsOf(closed));
+      traceLine(L"FilterInstanceFindClose failed: status = 0x", std::hex, except::bitsOf(closed));
     }
   }
   HANDLE handle = INVALID_HANDLE_VALUE;
@@ -79,7 +80,7 @@ std::list<FilterInstanceInfo> findFilterInstances(const std::wstring& filterName
   instance_search search;
   const auto traceFailure = [&](HRESULT result) noexcept {
     traceLine(instances.empty() ? L"FilterInstanceFindFirst" : L"FilterInstanceFindNext",
-              L" failed: status = 0x", std::hex, bitsOf(result));
+              L" failed: status = 0x", std::hex, except::bitsOf(result));
   };
   try {
     record_buffer buffer(smallestRecordBuffer);

@@ -23,7 +23,7 @@ filter_port::filter_port(const std::wstring& name)
   if (result >= 0) return;
 
   traceLine(L"FilterConnectCommunicationPort failed: portName = ", portName, L", error = 0x",
-            std::hex, bitsOf(result));
+            std::hex, except::bitsOf(result));
   portHandle = INVALID_HANDLE_VALUE;
   portName.clear();
 }
@@ -48,7 +48,7 @@ DWORD filter_port::sendMessage(void* input, DWORD inputLength, void* output, DWO
   // function.
   except::result_exception failure;
   failure << boost::errinfo_api_function("FilterSendMessage");
-  failure << except::errinfo_HRESULT(bitsOf(result));
+  failure << except::errinfo_HRESULT(except::bitsOf(result));
   BOOST_THROW_EXCEPTION(failure);  // must stay on line 52, which it prints: logs rely on it
 }
 

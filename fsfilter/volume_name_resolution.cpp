@@ -26,9 +26,8 @@ std::wstring_view textIn(std::span<const wchar_t> buffer) noexcept {
   return {buffer.data(), wcsnlen(buffer.data(), buffer.size())};
 }
 
-bool traceQuery(DWORD error, const wchar_t* volume) noexcept {
+void traceQuery(DWORD error, const wchar_t* volume) noexcept {
   traceLine(L"QueryDosDevice failed: hr = 0x", std::hex, error, L", vol = ", volume);
-  return false;
 }
 
 // Closes the search, if it was opened.
@@ -57,12 +56,14 @@ bool resolve(const wchar_t* volume, const std::wstring& deviceName, std::vector<
     const DWORD error = GetLastError();
     const std::size_t larger = 2 * devices.size();
     if (error != ERROR_INSUFFICIENT_BUFFER || larger > largestDeviceBuffer) {
-      return traceQuery(error, volume);
+      traceQuery(error, volume);
+      return false;
     }
     devices = std::vector<wchar_t>(larger);
   }
 } catch (const std::bad_alloc&) {
-  return traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume);
+  traceQuery(ERROR_NOT_ENOUGH_MEMORY, volume);
+  return false;
 }
 
 }  // namespace

@@ -17,11 +17,10 @@ struct tag_buffer {
 };
 static_assert(sizeof(tag_buffer) == 16384);
 
-// Prints why the latest call failed. Always returns false, for the caller to return.
-bool printFailure(const wchar_t* what) {
+// Prints why the latest call failed.
+void printFailure(const wchar_t* what) {
   const DWORD error = GetLastError();  // printing may change it
   std::wcout << what << std::hex << error << std::endl;
-  return false;
 }
 
 // Creates the tag stream and writes the record in one write. False if the stream is incomplete.
@@ -30,11 +29,15 @@ bool writeTagStream(const std::wstring& streamPath, const RestoreTagRecord& reco
                     const std::wstring& ntPath) {
   zan::file_handle stream(CreateFileW(streamPath.c_str(), GENERIC_ALL, 0, nullptr, CREATE_NEW,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!stream.isOpen()) return printFailure(L"create tag stream failed: ");
+  if (!stream.isOpen()) {
+    printFailure(L"create tag stream failed: ");
+    return false;
+  }
 
   DWORD written = 0;
   if (!WriteFile(stream.get(), &record, sizeof(record), &written, nullptr)) {
-    return printFailure(L"writing tag stream failed: ");
+    printFailure(L"writing tag stream failed: ");
+    return false;
   }
   if (written != sizeof(record)) {
     std::wcout << L"writing tag stream failed - incomplete write: " << std::endl;

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 /// The folders that stand for drives and shares, and the files in them.
 class backing_folders {

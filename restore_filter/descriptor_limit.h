@@ -2,7 +2,7 @@
 
 #include <sys/resource.h>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 /// Most descriptors that one message (a start) opens. Connections leave this many free, and a start
 /// twice as many: when starts are refused, stops and queries are still answered.

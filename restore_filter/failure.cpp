@@ -4,7 +4,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "platform/posix/last_error.h"
+#include "platform/linux/error_code.h"
 #include "restore_filter/host_files.h"
 
 void logLine(const std::string& what, const std::string& path, const std::string& end) {

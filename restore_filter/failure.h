@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 /// What refuses a message or ends a restoration. Thrown.
 struct failure {

@@ -39,7 +39,7 @@ descriptor openRegularFile(const descriptor& path, int flags) {
   if (S_ISDIR(status.st_mode)) throw failureOf(ERROR_ACCESS_DENIED);
   if (!S_ISREG(status.st_mode)) throw failure{E_INVALIDARG};
   // O_NONBLOCK: if another process holds a lease, the open fails instead of waiting.
-  descriptor file(open(procPathOf(path.get()).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
+  descriptor file(open(procPathOf(path).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
   if (!file.isOpen()) throwFailure("open", path);
   return file;
 }
@@ -63,7 +63,7 @@ descriptor openPath(int folder, const std::string& path, int flags, std::uint64_
 
 std::string pathOf(const descriptor& file) {
   std::string path(PATH_MAX, '\0');
-  const ssize_t length = readlink(procPathOf(file.get()).c_str(), path.data(), path.size());
+  const ssize_t length = readlink(procPathOf(file).c_str(), path.data(), path.size());
   path.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
   return path;
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <tuple>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 /// A file of a volume: its inode and, since inodes are reused, its birth time. A birth time of 0:
 /// the file system records none.
@@ -54,6 +54,11 @@ bool isDeleted(const struct stat& status, const descriptor& file);
 /// Opens a path below `folder` (a descriptor, or AT_FDCWD) with O_PATH and `flags`, and with the
 /// RESOLVE_ flags of openat2(2). Not open, with errno, on failure.
 descriptor openPath(int folder, const std::string& path, int flags, std::uint64_t resolve);
+
+/// A path to the file on which a descriptor of this process is open.
+inline std::string procPathOf(const descriptor& file) {
+  return "/proc/self/fd/" + std::to_string(file.get());
+}
 
 /// The path of an open file, as the kernel knows it; empty, with errno, if it can't be told.
 std::string pathOf(const descriptor& file);

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/posix/mount_table.h"
+#include "platform/linux/mount_table.h"
 #include "restore_filter/descriptor_limit.h"
 #include "restore_filter/failure.h"
 
@@ -82,7 +82,7 @@ void message_handler::answer(const ControlMessage& message, pid_t sender, dev_t 
                              target& local, ProgressInfo& reply) {
   local.path = takeFile(sender, message.fileHandle);
   local.file = openRegularFile(local.path, O_RDONLY);
-  const auto volume = findMountOf(procPathOf(local.file.get()).c_str());
+  const auto volume = findMountOf(procPathOf(local.file).c_str());
   // A mount that is not in the table belongs to another mount name space, or is outside a chroot.
   if (!volume && errno != ENOENT) throwFailure("find the mount of", local.file);
   if (!volume || volume->device != device) throw failure{E_INVALIDARG};

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 #include "restore_filter/backing_folders.h"
 #include "restore_filter/host_files.h"
 #include "restore_filter/restoration.h"

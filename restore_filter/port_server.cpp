@@ -12,8 +12,9 @@
 #include <new>
 #include <stdexcept>
 
-#include "platform/posix/abstract_socket.h"
-#include "platform/posix/mount_table.h"
+#include "platform/linux/abstract_socket.h"
+#include "platform/linux/mount_table.h"
+#include "platform/linux/volume_name.h"
 #include "restore_filter/descriptor_limit.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 #include "restore_filter/message_handler.h"
 
 /// The communication ports of all instances, one per volume, and their connections. Serves only its

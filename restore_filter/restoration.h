@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 #include "restore_filter/host_files.h"
 #include "restore_filter/streams.h"
 

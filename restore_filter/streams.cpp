@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/posix/utf16.h"
+#include "platform/linux/utf16.h"
 #include "restore_filter/failure.h"
 #include "zan_restore_filter.h"
 

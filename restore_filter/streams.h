@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 #include "restore_filter/host_files.h"
 
 // The named streams of a local file: the tag, and the record of its restoration. A stream is

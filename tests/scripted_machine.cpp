@@ -17,8 +17,8 @@
 #include <sstream>
 #include <utility>
 
-#include "app/wmain.h"
 #include "platform/wide_path.h"
+#include "platform/wmain.h"
 
 namespace scripted {
 

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cwchar>
 
-#include "platform/posix/abstract_socket.h"
-#include "platform/posix/descriptor.h"
-#include "platform/posix/utf16.h"
+#include "platform/linux/abstract_socket.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/utf16.h"
 
 void OutputDebugStringW(LPCWSTR text) {
   char line[4096];

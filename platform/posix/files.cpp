@@ -10,7 +10,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
+#include "platform/posix/handle.h"
 #include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
 
@@ -41,16 +42,17 @@ off_t offsetOf(const OVERLAPPED& place) {
   return static_cast<off_t>(place.OffsetHigh) << 32 | place.Offset;
 }
 
-bool folderExists(host_string& path) {
-  char* slash = std::strrchr(path.bytes, '/');
+bool folderExistsOf(const host_string& path) {
+  const char* const slash = std::strrchr(path.bytes, '/');
   if (slash == nullptr) return path.size > 0;
-  slash[slash == path.bytes ? 1 : 0] = '\0';
+  char name[PATH_MAX] = "/";
+  std::memcpy(name, path.bytes, static_cast<std::size_t>(slash - path.bytes));
   struct stat folder {};
-  return stat(path.bytes, &folder) == 0 && S_ISDIR(folder.st_mode);
+  return stat(name, &folder) == 0 && S_ISDIR(folder.st_mode);
 }
 
-HANDLE openFailed(int error, host_string& path) {
-  const bool lacksFolder = error == ENOENT && !folderExists(path);
+HANDLE openFailed(int error, const host_string& path) {
+  const bool lacksFolder = error == ENOENT && !folderExistsOf(path);
   SetLastError(lacksFolder ? ERROR_PATH_NOT_FOUND : windowsErrorFor(error));
   return INVALID_HANDLE_VALUE;
 }

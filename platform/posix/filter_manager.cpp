@@ -17,12 +17,14 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/abstract_socket.h"
-#include "platform/posix/descriptor.h"
+#include "platform/linux/abstract_socket.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/proc_file.h"
+#include "platform/linux/utf16.h"
+#include "platform/linux/volume_name.h"
+#include "platform/posix/handle.h"
 #include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
-#include "platform/posix/mount_table.h"
-#include "platform/posix/utf16.h"
 
 namespace {
 

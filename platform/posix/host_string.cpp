@@ -2,7 +2,7 @@
 
 #include <cwchar>
 
-#include "platform/posix/utf16.h"
+#include "platform/linux/utf16.h"
 
 host_string::host_string(LPCWSTR text) {
   size = encodeUtf8(text, std::wcslen(text), bytes, sizeof(bytes) - 1);

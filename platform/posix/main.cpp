@@ -11,8 +11,8 @@
 #include <memory>
 #include <new>
 
-#include "app/wmain.h"
-#include "platform/posix/utf16.h"
+#include "platform/linux/utf16.h"
+#include "platform/wmain.h"
 
 namespace {
 

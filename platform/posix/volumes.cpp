@@ -12,10 +12,11 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/mount_table.h"
+#include "platform/linux/utf16.h"
+#include "platform/linux/volume_name.h"
 #include "platform/posix/host_string.h"
 #include "platform/posix/last_error.h"
-#include "platform/posix/mount_table.h"
-#include "platform/posix/utf16.h"
 
 namespace {
 

@@ -1,21 +1,5 @@
 # Makes a program a Windows executable: resources, console subsystem, load options, symbols.
 
-if(MSVC)
-  target_link_libraries(fsfilter INTERFACE fltlib)
-else()
-  set(delayed_fltlib ${PROJECT_BINARY_DIR}/libdelayed_fltlib.a)
-  # TMPDIR: dlltool leaves temporary files. A relative path: it derives symbol names from the output's.
-  add_custom_command(OUTPUT ${delayed_fltlib}
-    COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${PROJECT_BINARY_DIR}
-      ${CMAKE_DLLTOOL} --input-def ${PROJECT_SOURCE_DIR}/platform/windows/fltlib.def
-      --output-delaylib libdelayed_fltlib.a
-    WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
-    DEPENDS platform/windows/fltlib.def)
-  add_custom_target(delayed_fltlib DEPENDS ${delayed_fltlib})
-  add_dependencies(fsfilter delayed_fltlib)
-  target_link_libraries(fsfilter INTERFACE ${delayed_fltlib} delayimp)
-endif()
-
 function(windows_executable name description)
   set(resources ${PROJECT_BINARY_DIR}/${name}.rc)
   configure_file(platform/windows/executable.rc.in ${resources} @ONLY)

@@ -1,6 +1,6 @@
 @{
     RootModule        = 'ZanRestore.psm1'
-    ModuleVersion     = '1.4.0'
+    ModuleVersion     = '1.5.0'
     GUID              = '7f0c2f4e-93c5-4c1b-8f43-2b1d6f0f5d0e'
     Author            = 'zan_restore maintainers'
     Description       = 'Sets up and controls restorations by the restore filter, with zan_restore.'

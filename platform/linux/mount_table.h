@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 /// One mount of the host. Its device is the volume. Several mounts can show one volume.
@@ -21,13 +20,3 @@ bool readMounts(std::vector<mount_entry>& mounts);
 
 /// The mount that holds `path`; none, with errno, if it is unknown. Throws std::bad_alloc.
 std::optional<mount_entry> findMountOf(const char* path);
-
-/// The volume id of a device: "Volume{00000000-0000-0000-0000-", 12 hexadecimal digits and "}".
-std::string volumeIdOf(dev_t device);
-/// The name of a device, as the Filter Manager reports it: "\Device\HarddiskVolume" and the number.
-std::string deviceNameOf(dev_t device);
-/// The device of a volume id; none if `id` is not one.
-std::optional<dev_t> deviceOfVolumeId(std::string_view id);
-
-/// Reads an entire file of /proc. False, with errno, on failure. Throws std::bad_alloc.
-bool readProcFile(const char* path, std::string& content);

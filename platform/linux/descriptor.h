@@ -1,18 +1,8 @@
 #pragma once
 
 #include <unistd.h>
-#include <windows.h>
 
-#include <string>
 #include <utility>
-
-// The HANDLE of a file, a pipe or a port is the number of a descriptor.
-inline HANDLE handleOf(int number) {
-  return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(number));
-}
-inline int descriptorOf(HANDLE handle) {
-  return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
-}
 
 /// Owns one file descriptor; -1 when it has none.
 class descriptor {
@@ -35,6 +25,3 @@ class descriptor {
  private:
   int number;
 };
-
-/// A path to the file on which a descriptor of this process is open.
-inline std::string procPathOf(int number) { return "/proc/self/fd/" + std::to_string(number); }

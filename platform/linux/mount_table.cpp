@@ -1,21 +1,17 @@
-#include "platform/posix/mount_table.h"
+#include "platform/linux/mount_table.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
+#include <string_view>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/proc_file.h"
 
 namespace {
-
-constexpr std::string_view idPrefix = "Volume{00000000-0000-0000-0000-";
-constexpr std::size_t idDigits = 12;
 
 // Removes the next field of a line, up to `end`, from `rest`.
 std::string_view nextField(std::string_view& rest, char end = ' ') {
@@ -49,17 +45,6 @@ std::string unescaped(std::string_view field) {
 
 }  // namespace
 
-bool readProcFile(const char* path, std::string& content) {
-  const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-  if (!file.isOpen()) return false;
-  char chunk[16384];
-  ssize_t count = 0;
-  while ((count = read(file.get(), chunk, sizeof(chunk))) > 0) {
-    content.append(chunk, static_cast<std::size_t>(count));
-  }
-  return count == 0;
-}
-
 bool readMounts(std::vector<mount_entry>& mounts) {
   std::string text;
   if (!readProcFile("/proc/self/mountinfo", text)) return false;
@@ -88,23 +73,4 @@ std::optional<mount_entry> findMountOf(const char* path) {
   }
   errno = ENOENT;
   return std::nullopt;
-}
-
-std::string volumeIdOf(dev_t device) {
-  char digits[idDigits + 5];  // room for 64 bits, of which Linux uses 32
-  std::snprintf(digits, sizeof(digits), "%0*lx", int{idDigits}, device);
-  return std::string(idPrefix) + digits + '}';
-}
-
-std::string deviceNameOf(dev_t device) {
-  return "\\Device\\HarddiskVolume" + std::to_string(device);
-}
-
-std::optional<dev_t> deviceOfVolumeId(std::string_view id) {
-  if (id.size() != idPrefix.size() + idDigits + 1 || !id.starts_with(idPrefix)) return std::nullopt;
-  const char* const digits = id.data() + idPrefix.size();
-  dev_t device = 0;
-  const auto parsed = std::from_chars(digits, digits + idDigits, device, 16);
-  if (parsed.ptr != digits + idDigits || *parsed.ptr != '}') return std::nullopt;
-  return device;
 }
