@@ -60,10 +60,11 @@ class CheckOfFilters(story):
                 (repeating_filter, [], "is kept$"),
                 (careless_filter, ["--skip-reads"], "|".join(careless_filter.MISTAKES))):
             with self.subTest(kind), kind(self.tag).running():
-                seconds = 3 if kind is careless_filter else 60
+                seconds = 5 if kind is careless_filter else 60
                 status, output = check(*words, ".", "back", seconds=seconds)
                 self.assertEqual(failed(output), matching(output, wrong))
                 self.assertEqual(status, 0 if kind is right_filter else 1)
+                self.assertRegex(output, r"\n# 143 statements: .*\n\Z")
 
     def test_tells_what_is_wrong(self):
         os.mkdir("files")

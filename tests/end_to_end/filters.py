@@ -3,7 +3,7 @@
 import contextlib, os, socket, struct, threading, time
 from pathlib import Path
 
-from shared import CHANGED, INVALID, NOT_FOUND, hresult, listening
+from shared import BAD_HANDLE, CHANGED, INVALID, NOT_FOUND, hresult, listening
 
 RATE = 100e6  # bytes per second of progress
 
@@ -15,9 +15,9 @@ def tag_of(path):
 class restoration:
     """One file of a filter. It gets its bytes at its start, or, if it grows, with its progress."""
 
-    def __init__(self, link, content, grows):
+    def __init__(self, link, content, grows, rate):
         self.file = open(link, "r+b", buffering=0)
-        self.content, self.grows, self.rate = content, grows, RATE
+        self.content, self.grows, self.rate = content, grows, rate
         self.done = self.written = self.told = 0
         self.source = None  # the path of the backing file
         self.running = self.failed = False
@@ -43,6 +43,7 @@ class right_filter:
     """Serves reads: at its start, a file gets all its bytes; its progress takes its time."""
 
     grows = False
+    rate = RATE
 
     def __init__(self, tag):
         self.header = tag[:6] + tag[8:26]
@@ -74,7 +75,7 @@ class right_filter:
             content = self.backing(link)
             if not isinstance(content, bytes):
                 return content,
-            self.files[inode] = restoration(link, content, self.grows)
+            self.files[inode] = restoration(link, content, self.grows, self.rate)
         if operation == 0 or inode not in self.files:
             return NOT_FOUND if operation else 0,
         work = self.files[inode]
@@ -147,6 +148,7 @@ class hiding_filter(repeating_filter):
     """Shows zeros until the end."""
 
     hides = True
+    rate = RATE / 4  # so that the check reads in time, also on a busy machine
 
 
 class careless_filter(right_filter):
@@ -156,6 +158,7 @@ class careless_filter(right_filter):
     MISTAKES = (
         "a tag with a wrong guid is refused",  # it is obeyed
         "a tag with pathOffset 0 is refused",  # it is, but something is written
+        "a start of a (file without a tag|deleted file) is answered",  # by BAD_HANDLE
         "a stop of a whole file is answered",  # by 1, a success that the tool takes for a failure
         "nothing is restored from a backing file that is a folder",  # it counts as empty
         "a backing file of size 4095 is restored",  # progress is above the total
@@ -166,6 +169,7 @@ class careless_filter(right_filter):
         "a start of a whole file writes nothing",
         "a failure is told by each progress query",  # only by the first
         "a file that is deleted during its restoration grows no more",
+        "the tag is unchanged when the file is whole",  # it is removed
         "a hard link has no tag",  # its file's is used
     )
 
@@ -176,7 +180,7 @@ class careless_filter(right_filter):
                 name = str(other).removesuffix(":restore_filter_tag")
                 if os.path.exists(name) and os.path.samefile(name, path):
                     return Path(self.path_in(other.read_bytes())).read_bytes()
-            return NOT_FOUND
+            return BAD_HANDLE
         tag = tag_of(path) if os.path.isfile(path + ":restore_filter_tag") else b""
         if tag[22:23] == b"\0":
             return b"obeyed"
@@ -210,8 +214,10 @@ class careless_filter(right_filter):
             if is_cut and not work.failed:
                 work.failed = True
                 return CHANGED,
-            if len(work.content) == 4095:
-                return 0, 4096, 4095
+            if work.is_whole():
+                Path(os.readlink(link) + ":restore_filter_tag").unlink(missing_ok=True)
+            if len(work.content) == 4095 and work.told < 3:
+                return 0, 2, 1
             if len(work.content) == 1048577 and work.told < 3:
                 return 0, 100 - work.told, 1048577
         return came

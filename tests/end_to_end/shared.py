@@ -159,7 +159,7 @@ class story(unittest.TestCase):
         return is_running
 
     def start_delayed_filter(self, *faults):
-        """Starts a filter in which strace changes system calls: such as "pread64:delay_enter=1s"."""
+        """Starts a filter whose system calls strace changes: such as "pread64:delay_enter=1s"."""
         self.start_filter(*STRACE[:-1], *(word for fault in faults
                                           for word in ("-e", "inject=" + fault)))
 
