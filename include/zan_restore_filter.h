@@ -29,7 +29,7 @@
 #define RESTORE_TAG_STREAM L":" RESTORE_TAG_STREAM_NAME_A L":$DATA"
 
 /* How to restore a file; 32 bits in C and in C++. The tool uses only these two values. A message
- * from another sender, or a tag that somebody else wrote, can hold others. */
+ * from another sender, or a tag of another writer, can hold others. */
 #if defined(__cplusplus)
 enum class RestoreStrategyKind : uint32_t {
   none = 0,  /* only what is read */

@@ -25,7 +25,7 @@ constexpr int idleMilliseconds = 1000;
 
 pollfd readable(int descriptor) { return {descriptor, POLLIN, 0}; }
 
-void waitForResources() { usleep(10000); }  // somebody may free some meanwhile
+void waitForResources() { usleep(10000); }  // some may be freed meanwhile
 
 // Answers another user's context, sent or not. A context left unread would hide the answer.
 void refuse(const descriptor& socket) {

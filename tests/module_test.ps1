@@ -90,9 +90,9 @@ foreach ($row in @(
     @({ Start-ZanRestore one -ConcurrentReads 0 }, 'message not sent to port', 0x80070057),
     @({ Stop-ZanRestore taken }, 'message not sent to port', 0x80070490),
     @({ Get-ZanRestoreProgress missing }, 'Cannot open local file', 0x80004005),
-    @({ Get-ZanRestoreProgress one | ForEach-Object { throw "caller's" } }, "^caller's", 0x80131501),
-    @({ Wait-ZanRestore one | ForEach-Object { throw "caller's" } }, "^caller's", 0x80131501),
-    @({ Start-ZanRestore one 1 | ForEach-Object { throw "caller's" } }, "^caller's", 0x80131501),
+    @({ Get-ZanRestoreProgress one | ForEach-Object { throw 'mine' } }, '^mine', 0x80131501),
+    @({ Wait-ZanRestore one | ForEach-Object { throw 'mine' } }, '^mine', 0x80131501),
+    @({ Start-ZanRestore one 1 | ForEach-Object { throw 'mine' } }, '^mine', 0x80131501),
     @({ Wait-ZanRestore idle -StallTimeout 1 },
         'has made no progress for 1 s; it stands at 0 of 3145733', 0x80004005)) {
     $caught = $null

@@ -20,7 +20,7 @@ DWORD windowsErrorFor(int error) {
     case ENOSPC: return ERROR_DISK_FULL;
     case EINVAL:
     case EILSEQ: return ERROR_INVALID_NAME;
-    case EAGAIN: return ERROR_SHARING_VIOLATION;  // somebody has a lease
+    case EAGAIN: return ERROR_SHARING_VIOLATION;  // another process has a lease
     case EBUSY:
     case ETXTBSY: return ERROR_BUSY;
     case ENAMETOOLONG: return ERROR_FILENAME_EXCED_RANGE;
