@@ -105,6 +105,7 @@ try { Stop-ZanRestore taken } catch {
 }
 Confirm-That 'an error leaves no file' (-not (Test-Path new))
 Confirm-That 'no ping of a file that is not there' (-not (Test-ZanRestore missing))
+Confirm-That 'no progress of it' (@(Wait-ZanRestore missing -ErrorAction Ignore).Count -eq 0)
 Confirm-That 'stop says nothing' ($null -eq (Stop-ZanRestore one))
 
 # A tool that answers a start as `refusal` says, once, and a query as `answer` says. It never takes

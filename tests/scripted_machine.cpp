@@ -219,9 +219,9 @@ KERNEL32(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURIT
 }
 
 KERNEL32(BOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
-         [[maybe_unused]] LPOVERLAPPED overlapped) {
+         [[maybe_unused]] LPOVERLAPPED place) {
 #ifdef _WIN32
-  if (!world.open.contains(file)) return writeReally(file, data, size, written, overlapped);
+  if (!world.open.contains(file)) return writeReally(file, data, size, written, place);
 #endif
   const call made("WriteFile", file, size);
   *written = made.code == shortWrite ? size - 1 : size;

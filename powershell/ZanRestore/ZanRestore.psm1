@@ -15,7 +15,7 @@ $script:categories = @{ '80070005' = 'PermissionDenied'; '80070050' = 'ResourceE
     '80070002' = 'ObjectNotFound'; '80070003' = 'ObjectNotFound'; '80070490' = 'ObjectNotFound'
     '80070057' = 'InvalidArgument'; '800700aa' = 'ResourceBusy' }
 
-# Of the six properties of a progress, a table shows these.
+# Of the five properties of a progress, a table shows these.
 Update-TypeData -TypeName ZanRestore.Progress -Force `
     -DefaultDisplayPropertySet Path, PercentComplete, IsWhole
 
@@ -87,7 +87,7 @@ function Use-CallerPreference($Cmdlet) {
         $value = $Cmdlet.SessionState.PSVariable.GetValue("${name}Preference")
         $isBound = $Cmdlet.MyInvocation.BoundParameters.Keys -match "^$name(Action)?$"
         if ($null -eq $value -or $isBound) { continue }
-        Set-Variable "${name}Preference" $value -Scope 1
+        Set-Variable "${name}Preference" $value -Scope 1 -WhatIf:$false -Confirm:$false
     }
 }
 
@@ -246,7 +246,8 @@ function New-ZanRestore {
     A list can have a column ConcurrentReads. The set-up starts nothing:
     Start-ZanRestore has its own ConcurrentReads.
     .INPUTS
-    Strings, files, and objects with the properties Path, File or FullName.
+    Objects with the properties Path, File or FullName, and BackingPath or
+    Backing.
     .OUTPUTS
     System.IO.FileInfo: the file.
     .EXAMPLE
@@ -451,7 +452,8 @@ function Get-ZanRestoreProgress {
     Local files. A relative path starts at the current location. Wildcards are
     ordinary characters.
     .OUTPUTS
-    ZanRestore.Progress: Path, Progress, Total, PercentComplete and IsWhole.
+    ZanRestore.Progress: Path, PercentComplete and IsWhole, which are shown,
+    and Progress and Total.
     .EXAMPLE
     Get-ChildItem d:\vm\*.vhd | Get-ZanRestoreProgress | Where-Object { -not $_.IsWhole }
     #>
@@ -539,7 +541,7 @@ function Wait-ZanRestore {
                         $code = $script:generalFailure
                         Write-Failure $file $why $code 'ZanRestore.Stalled' $PSCmdlet
                     }
-                    $last[$file]
+                    if ($last[$file]) { $last[$file] }
                 }
                 if (-not $waiting.Count) { break }
                 $known = @($last.Values | Where-Object { $_ })
