@@ -275,6 +275,10 @@ void trial::restore(const fs::path& file, std::uint64_t backingSize, std::int32_
 std::pair<fs::path, std::uint64_t> trial::whileRestoring(const file_action& action, std::int32_t n,
                                                          std::uint64_t least) {
   for (std::uint64_t size = least; size <= 1 << 30; size *= 4) {
+    std::error_code error;
+    const bool hasRoom = fs::space(backingFolder.path / "", error).available > size + (64 << 20) &&
+                         fs::space(folder() / "", error).available > size + (64 << 20);
+    if (size > least && !hasRoom) throw untried{"there is no room for a larger file"};
     const fs::path file = newFile(size);
     start(file, n);
     if (!isEnd(progress(file))) {

@@ -8,7 +8,7 @@
 /// twice as many: when starts are refused, stops and queries are still answered.
 constexpr int descriptorsPerMessage = 7;
 
-/// Raises the soft limit to the hard one: a restoration takes three descriptors, at first four, so
+/// Raises the soft limit to the hard one: a restoration takes three descriptors, at first five, so
 /// 340 files would use up the usual soft limit.
 inline void raiseDescriptorLimit() {
   rlimit limit{};

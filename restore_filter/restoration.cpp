@@ -53,6 +53,7 @@ chunk readChunk(const descriptor& file, std::uint64_t offset, std::size_t size) 
 
 void restoration::start(restoration_files with, int n) {
   files = std::move(with);
+  hasBegun = hasBegun && position > 0;
   reads = n;
   now = state::running;
   if (total() == 0) {
@@ -75,7 +76,7 @@ void restoration::stop() {
   stoppedStamp = {};
   try {
     stoppedStamp = stampOf(files->local);
-  } catch (const failure&) {
+  } catch (...) {
     // Without a stamp, the next start begins again.
   }
 }
@@ -100,7 +101,7 @@ void restoration::run() {
 // Restores until the file is whole, something fails, or it is stopped.
 HRESULT restoration::restore() try {
   // ntfs-3g would save the record of a pass that continues under a name that another file may have.
-  if (!hasBegun) files->record.saveBegun();
+  if (!hasBegun) files->record.saveBegun(files->local);
   hasBegun = true;
   if (position == 0 && !empty()) return S_OK;
   while (position < total() && isRunning()) fill();

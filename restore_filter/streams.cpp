@@ -127,9 +127,8 @@ bool progress_record::read(const descriptor& local, std::uint64_t size) {
 }
 
 void progress_record::open(const descriptor& local) {
-  tag = findStream(RESTORE_TAG_STREAM_NAME_A, local, O_RDONLY);
   const std::optional<stream_place> place = placeOf(recordName, local);
-  if (!tag.isOpen() || !place) throw failureOf(ERROR_NOT_FOUND);
+  if (!place) throw failureOf(ERROR_NOT_FOUND);
   // Replaces one that does not fit: the restoration of an earlier file of this name may still write
   // into it. Even if there is none, FUSE may still know one of an earlier file.
   if (!fits) unlinkat(place->folder.get(), place->name.c_str(), 0);
@@ -137,9 +136,10 @@ void progress_record::open(const descriptor& local) {
   if (!stream.isOpen()) throw failureOf(ERROR_NOT_FOUND);
 }
 
-void progress_record::saveBegun() {
+void progress_record::saveBegun(const descriptor& local) {
+  const descriptor tag = findStream(RESTORE_TAG_STREAM_NAME_A, local, O_RDONLY);
+  if (!tag.isOpen()) throw failureOf(ERROR_NOT_FOUND);
   syncData(tag);
-  tag = descriptor();  // another process may want to replace it
   content.length = 0;
   save();
 }

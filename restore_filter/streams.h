@@ -34,7 +34,7 @@ class progress_record {
   /// Opens the stream for saving. Replaces one that does not fit.
   void open(const descriptor& local);
   /// Saves that the restoration has begun, and syncs the tag and the record.
-  void saveBegun();
+  void saveBegun(const descriptor& local);
   /// Saves and syncs that the file is whole, with this length. Throws ERROR_FILE_INVALID if the
   /// file's stream does not say that this restoration has begun.
   void saveWhole(const descriptor& local, std::uint64_t length);
@@ -61,5 +61,4 @@ class progress_record {
   std::string backingPath;
   bool fits = false;  // there is a stream, and it is the record of this file and backing path
   descriptor stream;
-  descriptor tag;  // until it is synced
 };

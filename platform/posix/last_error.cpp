@@ -20,7 +20,8 @@ DWORD FormatMessageW(DWORD, LPCVOID, DWORD code, DWORD, LPWSTR text, DWORD size,
   int error = 1;
   while (error < EHWPOISON && windowsErrorFor(error) != code) ++error;
   const std::string_view found(std::strerror(error));
-  if (windowsErrorFor(error) != code || found.size() >= size) return 0;
+  const bool isKnown = windowsErrorFor(error) == code && code != ERROR_GEN_FAILURE;
+  if (!isKnown || found.size() >= size) return 0;
   *std::copy(found.begin(), found.end(), text) = L'\0';
   return static_cast<DWORD>(found.size());
 }

@@ -5,6 +5,8 @@ Set-StrictMode -Version Latest
 
 $script:tool = $script:toolPath = $null
 $script:isOnWindows = [IO.Path]::DirectorySeparatorChar -eq '\'
+$script:comparer = if ($script:isOnWindows) { [StringComparer]::OrdinalIgnoreCase }
+else { [StringComparer]::Ordinal } # of file names
 $script:generalFailure = [Convert]::ToInt32('80004005', 16)
 $script:alreadyRunning = [Convert]::ToInt32('800700aa', 16)
 $script:alreadyThere = [Convert]::ToInt32('80070050', 16)
@@ -328,7 +330,8 @@ function Start-ZanRestore {
     )
     begin {
         Use-CallerPreference $PSCmdlet
-        $started = @{} # file: its latest progress, and since when
+        # By file: its latest progress, and since when.
+        $started = [Collections.Hashtable]::new($script:comparer)
         $refused = [Collections.Queue]::new()
         $clock = [Diagnostics.Stopwatch]::StartNew()
     }
@@ -503,11 +506,9 @@ function Wait-ZanRestore {
     )
     begin {
         Use-CallerPreference $PSCmdlet
-        $comparer = if ($script:isOnWindows) { [StringComparer]::OrdinalIgnoreCase }
-        else { [StringComparer]::Ordinal }
         # Of each file: the last progress, null if unknown, and when it last changed.
-        $last = [Collections.Specialized.OrderedDictionary]::new($comparer)
-        $since = [Collections.Hashtable]::new($comparer)
+        $last = [Collections.Specialized.OrderedDictionary]::new($script:comparer)
+        $since = [Collections.Hashtable]::new($script:comparer)
         $clock = [Diagnostics.Stopwatch]::StartNew()
     }
     process {
