@@ -278,7 +278,7 @@ std::pair<fs::path, std::uint64_t> trial::whileRestoring(const file_action& acti
     std::error_code error;
     const bool hasRoom = fs::space(backingFolder.path / "", error).available > size + (64 << 20) &&
                          fs::space(folder() / "", error).available > size + (64 << 20);
-    if (size > least && !hasRoom) throw untried{"there is no room for a larger file"};
+    if (size > least && !hasRoom) throw untried{noRoom};
     const fs::path file = newFile(size);
     start(file, n);
     if (!isEnd(progress(file))) {

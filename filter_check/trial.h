@@ -43,6 +43,9 @@ inline void expectResult(HRESULT came, HRESULT expected = S_OK) {
   expect(came == expected, hex(expected));
 }
 
+/// Why a file that takes longer to restore is not tried.
+inline constexpr const char* noRoom = "there is no room for a larger file";
+
 /// The names of the operations, by their number.
 inline constexpr const char* operationNames[] = {"ping", "start", "stop", "progress query"};
 

@@ -22,9 +22,9 @@ EMULATOR = [os.path.abspath(GIVEN.emulator)] if GIVEN.emulator else []
 FILTER = str(GIVEN.build / "restore_filter")
 SOURCE = Path(__file__).resolve().parents[2]
 IS_ROOT = os.name == "posix" and os.geteuid() == 0
-(NO_FILE, NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, NOT_SUPPORTED, EXISTS, INVALID, FULL, BUSY,
+(NO_PATH, TOO_MANY, DENIED, BAD_HANDLE, LEASED, NOT_SUPPORTED, EXISTS, INVALID, FULL, BUSY,
  TOO_LONG, CHANGED, IO_ERROR, NOT_FOUND) = (
-    0x80070000 | code for code in (2, 3, 4, 5, 6, 32, 50, 80, 87, 112, 170, 206, 1006, 1117, 1168))
+    0x80070000 | code for code in (3, 4, 5, 6, 32, 50, 80, 87, 112, 170, 206, 1006, 1117, 1168))
 STRACE = "strace", "-f", "-qq", "-o", "/dev/null", "-e"
 # The tool must not depend on the locale. Wine encodes the names of files by it.
 ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8" if IS_WINDOWS else "C"}
